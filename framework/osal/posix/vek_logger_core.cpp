@@ -1,0 +1,74 @@
+// The process-wide logger and the configuration-update entry point.
+#include <string>
+#include <utility>
+
+#include "logging/vek_logger.h"
+#include "osal/vek_osal.h"
+
+namespace zov_vek {
+
+namespace {
+
+constexpr uint32_t Bit(Logger::Level level) { return 1u << level; }
+
+// Warnings and errors of every group reach the system log until a
+// configuration says otherwise: what an operator needs to see on a device,
+// without the volume of info and debug lines.
+constexpr uint32_t kInitialPredefinedMask =
+    Bit(Logger::kWarning) | Bit(Logger::kError);
+constexpr uint32_t kInitialCustomMask =
+    Bit(Logger::kWarning) | Bit(Logger::kError);
+
+}  // namespace
+
+Logger::Logger(uint32_t predefined_mask, uint32_t custom_default_mask)
+    : mutex_(nullptr), custom_default_mask_(custom_default_mask) {
+  // Without its mutex the logger cannot work at all; there is no caller to
+  // report to, so failing loudly here is the only honest option.
+  if (OsalMutexInit(&mutex_) != VekError::kOk) __builtin_trap();
+  for (uint32_t value = 0; value < kPredefinedGroupCount; ++value) {
+    const auto group = static_cast<PredefinedGroup>(value);
+    predefined_groups_[value] = {group, {predefined_mask, GetTag(group)}};
+  }
+}
+
+Logger& Logger::GetLogger() {
+  // Deliberately leaked: log statements stay valid in static destructors
+  // and in threads that outlive main.
+  static Logger* const logger =
+      new Logger(kInitialPredefinedMask, kInitialCustomMask);
+  return *logger;
+}
+
+VekError HandleLogConfigUpdate(
+    std::pair<LogConfigUpdate, LogConfigTargetGroup>& update) {
+  const LogConfigUpdate& config = update.first;
+  const LogConfigTargetGroup& target = update.second;
+  constexpr uint32_t kSetLevelMask = 0;
+  constexpr uint32_t kPredefinedTarget = 0;
+  constexpr uint32_t kCustomTarget = 1;
+  if (config.type != kSetLevelMask) return VekError::kErrNotSupported;
+
+  Logger& logger = Logger::GetLogger();
+  if (target.type == kPredefinedTarget) {
+    for (uint32_t value = 0; value < Logger::kPredefinedGroupCount; ++value) {
+      const auto group = static_cast<PredefinedGroup>(value);
+      if (target.name == Logger::GetTag(group)) {
+        return logger.SetLogLevelMask(group, config.log_mask);
+      }
+    }
+    return VekError::kErrParam;
+  }
+  if (target.type == kCustomTarget) {
+    // A custom group that has not logged yet is created, so the update is
+    // in force from its first statement; kErrParam when no room is left.
+    OsalMutexLock(logger.mutex_);
+    Logger::LogGroupConfig* group = logger.FindOrCreateCustomConfig(target.name);
+    if (group != nullptr) group->mask = config.log_mask;
+    OsalMutexUnlock(logger.mutex_);
+    return group != nullptr ? VekError::kOk : VekError::kErrParam;
+  }
+  return VekError::kErrParam;
+}
+
+}  // namespace zov_vek

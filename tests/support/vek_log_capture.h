@@ -1,0 +1,75 @@
+// Captures what reaches liblog in this process, so that tests can assert
+// the exact priority, tag and text of every line the framework writes.
+#ifndef TESTS_SUPPORT_VEK_LOG_CAPTURE_H_
+#define TESTS_SUPPORT_VEK_LOG_CAPTURE_H_
+
+#include <android/log.h>
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vek_test {
+
+struct LogLine {
+  int priority;
+  std::string tag;
+  std::string text;
+
+  bool operator==(const LogLine& other) const {
+    return priority == other.priority && tag == other.tag &&
+           text == other.text;
+  }
+};
+
+// While an instance lives, every line written through liblog is recorded
+// instead of printed. One instance at a time.
+class LogCapture {
+ public:
+  LogCapture() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    Lines().clear();
+    __android_log_set_logger(&LogCapture::Record);
+  }
+  ~LogCapture() { __android_log_set_logger(__android_log_stderr_logger); }
+
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> lines() const {
+    std::lock_guard<std::mutex> lock(Mutex());
+    return Lines();
+  }
+
+  void Clear() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    Lines().clear();
+  }
+
+  // How many recorded lines equal `line` exactly.
+  size_t Count(const LogLine& line) const {
+    const std::vector<LogLine> all = lines();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
+  }
+
+ private:
+  static void Record(const struct __android_logger_data* data,
+                     const char* message) {
+    std::lock_guard<std::mutex> lock(Mutex());
+    Lines().push_back(LogLine{data->priority, data->tag ? data->tag : "",
+                              message ? message : ""});
+  }
+  static std::mutex& Mutex() {
+    static std::mutex mutex;
+    return mutex;
+  }
+  static std::vector<LogLine>& Lines() {
+    static std::vector<LogLine> lines;
+    return lines;
+  }
+};
+
+}  // namespace vek_test
+
+#endif  // TESTS_SUPPORT_VEK_LOG_CAPTURE_H_
