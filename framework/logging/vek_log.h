@@ -73,8 +73,8 @@ class LogScoped {
     } else if (group_ < Logger::kPredefinedGroupCount) {
       const auto group = static_cast<PredefinedGroup>(group_);
       if (log_internal::Enabled(group, Logger::kInfo)) {
-        __android_log_print(ANDROID_LOG_INFO, Logger::GetTag(group),
-                            "<< %s()", name_);
+        __android_log_print(ANDROID_LOG_INFO, Logger::GetTag(group), "<< %s()",
+                            name_);
       }
     }
   }
@@ -93,16 +93,15 @@ class LogScoped {
 // The group expression is evaluated once; the format and its arguments only
 // when the level is enabled. __android_log_print carries the printf format
 // attribute, so every format is checked against its arguments.
-#define VEK_LOG_AT_(group, level, fmt, ...)                                  \
-  do {                                                                       \
-    const auto& vek_log_group_ = (group);                                    \
-    if (::zov_vek::log_internal::Enabled(vek_log_group_,                     \
-                                         ::zov_vek::Logger::level)) {        \
-      __android_log_print(                                                   \
-          ::zov_vek::log_internal::Priority(::zov_vek::Logger::level),       \
-          ::zov_vek::log_internal::TagOf(vek_log_group_), fmt,               \
-          ##__VA_ARGS__);                                                    \
-    }                                                                        \
+#define VEK_LOG_AT_(group, level, fmt, ...)                                    \
+  do {                                                                         \
+    const auto& vek_log_group_ = (group);                                      \
+    if (::zov_vek::log_internal::Enabled(vek_log_group_,                       \
+                                         ::zov_vek::Logger::level)) {          \
+      __android_log_print(                                                     \
+          ::zov_vek::log_internal::Priority(::zov_vek::Logger::level),         \
+          ::zov_vek::log_internal::TagOf(vek_log_group_), fmt, ##__VA_ARGS__); \
+    }                                                                          \
   } while (0)
 
 #define VEK_LOG_PREDEFINED_(group, level, fmt, ...)                       \
@@ -136,34 +135,33 @@ class LogScoped {
 // Entry and exit lines, at info level. The group is a PredefinedGroup or a
 // custom tag string.
 #define VEK_LOG_GROUP_(group) ::zov_vek::log_internal::GroupArg(group)
-#define LOG_ENTRY(group) \
-  VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, ">> enter ")
+#define LOG_ENTRY(group) VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, ">> enter ")
 #define LOG_ENTRY_ARGS(group, fmt, ...) \
   VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, ">> enter " fmt, ##__VA_ARGS__)
 #define LOG_EXIT(group) VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, "<< exit ")
 #define LOG_EXIT_ARGS(group, fmt, ...) \
   VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, "<< exit " fmt, ##__VA_ARGS__)
-#define LOG_EXIT_RET(group, value)                                   \
+#define LOG_EXIT_RET(group, value)                                 \
   VEK_LOG_AT_(VEK_LOG_GROUP_(group), kInfo, "<< exit, returns %d", \
               static_cast<int>(value))
 
 // Early returns on a null pointer, with an error line. The null test comes
 // first; the line is subject to the mask, the return is not.
-#define RETURN_IF_NULL(group, ptr)                                         \
-  do {                                                                     \
-    if ((ptr) == nullptr) {                                                \
-      VEK_LOG_AT_(VEK_LOG_GROUP_(group), kError, "%s() ptr is null. Returning.", \
-                  __func__);                                               \
-      return;                                                              \
-    }                                                                      \
+#define RETURN_IF_NULL(group, ptr)                           \
+  do {                                                       \
+    if ((ptr) == nullptr) {                                  \
+      VEK_LOG_AT_(VEK_LOG_GROUP_(group), kError,             \
+                  "%s() ptr is null. Returning.", __func__); \
+      return;                                                \
+    }                                                        \
   } while (0)
-#define RETURN_VALUE_IF_NULL(group, ptr, ret)                            \
-  do {                                                                   \
-    if ((ptr) == nullptr) {                                              \
-      VEK_LOG_AT_(VEK_LOG_GROUP_(group), kError,                         \
-                  "%s() ptr is null. Returning: " #ret, __func__);       \
-      return ret;                                                        \
-    }                                                                    \
+#define RETURN_VALUE_IF_NULL(group, ptr, ret)                      \
+  do {                                                             \
+    if ((ptr) == nullptr) {                                        \
+      VEK_LOG_AT_(VEK_LOG_GROUP_(group), kError,                   \
+                  "%s() ptr is null. Returning: " #ret, __func__); \
+      return ret;                                                  \
+    }                                                              \
   } while (0)
 
 namespace zov_vek {

@@ -104,11 +104,10 @@ class Logger {
   // Tag of a predefined group; "vek-unassigned" for every value above 14.
   static const char* GetTag(PredefinedGroup group) {
     static const char* const kTags[] = {
-        "vek-dependency", "vek-descriptor", "vek-diag",
-        "vek-engmngr",    "vek-extnloader", "vek-fw",
-        "vek-graph",      "vek-ipc",        "vek-osal",
-        "vek-rm",         "vek-sched",      "vek-session",
-        "vek-shared-utility", "vek-txn",    "vek-txn-data",
+        "vek-dependency",     "vek-descriptor", "vek-diag",     "vek-engmngr",
+        "vek-extnloader",     "vek-fw",         "vek-graph",    "vek-ipc",
+        "vek-osal",           "vek-rm",         "vek-sched",    "vek-session",
+        "vek-shared-utility", "vek-txn",        "vek-txn-data",
     };
     const auto index = static_cast<uint32_t>(group);
     return index < sizeof(kTags) / sizeof(kTags[0]) ? kTags[index]
@@ -183,7 +182,8 @@ class Logger {
     auto found = custom_groups_.find(tag);
     if (found != custom_groups_.end()) return &found->second;
     if (custom_groups_.size() >= kMaxCustomLogGroups) return nullptr;
-    return &custom_groups_.emplace(tag, LogGroupConfig{custom_default_mask_, tag})
+    return &custom_groups_
+                .emplace(tag, LogGroupConfig{custom_default_mask_, tag})
                 .first->second;
   }
 

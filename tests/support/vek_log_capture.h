@@ -18,8 +18,7 @@ struct LogLine {
   std::string text;
 
   bool operator==(const LogLine& other) const {
-    return priority == other.priority && tag == other.tag &&
-           text == other.text;
+    return priority == other.priority && tag == other.tag && text == other.text;
   }
 };
 

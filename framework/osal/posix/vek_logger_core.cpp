@@ -63,7 +63,8 @@ VekError HandleLogConfigUpdate(
     // A custom group that has not logged yet is created, so the update is
     // in force from its first statement; kErrParam when no room is left.
     OsalMutexLock(logger.mutex_);
-    Logger::LogGroupConfig* group = logger.FindOrCreateCustomConfig(target.name);
+    Logger::LogGroupConfig* group =
+        logger.FindOrCreateCustomConfig(target.name);
     if (group != nullptr) group->mask = config.log_mask;
     OsalMutexUnlock(logger.mutex_);
     return group != nullptr ? VekError::kOk : VekError::kErrParam;

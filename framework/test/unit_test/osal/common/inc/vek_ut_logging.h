@@ -28,8 +28,9 @@ constexpr const char kCustomTag[] = "VEK_UT_DIAG";
 
 // One sample line per level letter. `place` is src or hdr, `kind`
 // predefined or custom, `sep` the separator after "val".
-#define UT_SAMPLE_TEXT(claim, letter, place, kind, sep) \
-  "(EXPECT: " claim " /" letter ") Log from " place " with " kind " tag, val" sep " %u!"
+#define UT_SAMPLE_TEXT(claim, letter, place, kind, sep)           \
+  "(EXPECT: " claim " /" letter ") Log from " place " with " kind \
+  " tag, val" sep " %u!"
 
 #define UT_SAMPLE_V(macro, group, claim, place, kind, sep) \
   macro(group, UT_SAMPLE_TEXT(claim, "V", place, kind, sep), kSampleValue)
@@ -43,21 +44,21 @@ constexpr const char kCustomTag[] = "VEK_UT_DIAG";
   macro(group, UT_SAMPLE_TEXT(claim, "E", place, kind, sep), kSampleValue)
 
 // The five lines of one group, each with its own claim.
-#define UT_SAMPLES_PREDEFINED(place, sep, group, v, d, i, w, e)            \
-  do {                                                                     \
-    UT_SAMPLE_V(LOG_VERBOSE, group, v, place, "predefined", sep);          \
-    UT_SAMPLE_D(LOG_DEBUG, group, d, place, "predefined", sep);            \
-    UT_SAMPLE_I(LOG_INFO, group, i, place, "predefined", sep);             \
-    UT_SAMPLE_W(LOG_WARNING, group, w, place, "predefined", sep);          \
-    UT_SAMPLE_E(LOG_ERROR, group, e, place, "predefined", sep);            \
+#define UT_SAMPLES_PREDEFINED(place, sep, group, v, d, i, w, e)   \
+  do {                                                            \
+    UT_SAMPLE_V(LOG_VERBOSE, group, v, place, "predefined", sep); \
+    UT_SAMPLE_D(LOG_DEBUG, group, d, place, "predefined", sep);   \
+    UT_SAMPLE_I(LOG_INFO, group, i, place, "predefined", sep);    \
+    UT_SAMPLE_W(LOG_WARNING, group, w, place, "predefined", sep); \
+    UT_SAMPLE_E(LOG_ERROR, group, e, place, "predefined", sep);   \
   } while (0)
-#define UT_SAMPLES_CUSTOM(place, sep, tag, v, d, i, w, e)                  \
-  do {                                                                     \
-    UT_SAMPLE_V(LOG_CUSTOM_VERBOSE, tag, v, place, "custom", sep);         \
-    UT_SAMPLE_D(LOG_CUSTOM_DEBUG, tag, d, place, "custom", sep);           \
-    UT_SAMPLE_I(LOG_CUSTOM_INFO, tag, i, place, "custom", sep);            \
-    UT_SAMPLE_W(LOG_CUSTOM_WARNING, tag, w, place, "custom", sep);         \
-    UT_SAMPLE_E(LOG_CUSTOM_ERROR, tag, e, place, "custom", sep);           \
+#define UT_SAMPLES_CUSTOM(place, sep, tag, v, d, i, w, e)          \
+  do {                                                             \
+    UT_SAMPLE_V(LOG_CUSTOM_VERBOSE, tag, v, place, "custom", sep); \
+    UT_SAMPLE_D(LOG_CUSTOM_DEBUG, tag, d, place, "custom", sep);   \
+    UT_SAMPLE_I(LOG_CUSTOM_INFO, tag, i, place, "custom", sep);    \
+    UT_SAMPLE_W(LOG_CUSTOM_WARNING, tag, w, place, "custom", sep); \
+    UT_SAMPLE_E(LOG_CUSTOM_ERROR, tag, e, place, "custom", sep);   \
   } while (0)
 
 #define UT_SRC_PREDEFINED(group, v, d, i, w, e) \
@@ -65,11 +66,10 @@ constexpr const char kCustomTag[] = "VEK_UT_DIAG";
 #define UT_SRC_CUSTOM(tag, v, d, i, w, e) \
   UT_SAMPLES_CUSTOM("src", "::", tag, v, d, i, w, e)
 
-constexpr uint32_t kAllLevels = (1 << zov_vek::Logger::kVerbose) |
-                                (1 << zov_vek::Logger::kDebug) |
-                                (1 << zov_vek::Logger::kInfo) |
-                                (1 << zov_vek::Logger::kWarning) |
-                                (1 << zov_vek::Logger::kError);
+constexpr uint32_t kAllLevels =
+    (1 << zov_vek::Logger::kVerbose) | (1 << zov_vek::Logger::kDebug) |
+    (1 << zov_vek::Logger::kInfo) | (1 << zov_vek::Logger::kWarning) |
+    (1 << zov_vek::Logger::kError);
 constexpr uint32_t kNoLevels = 0;
 
 // Writes the sample lines of one group from the header and from the suite's
@@ -83,14 +83,20 @@ class LogSampleWriter {
     using zov_vek::Logger;
     unsigned int failures = 0;
     const char* tag = Logger::GetTag(group_);
-    failures += SetAndCheck(tag, kAllLevels, [this](uint32_t mask) {
-      return Logger::GetLogger().SetLogLevelMask(group_, mask);
-    }, [this] { return Logger::GetLogger().GetLogLevelMask(group_); });
+    failures += SetAndCheck(
+        tag, kAllLevels,
+        [this](uint32_t mask) {
+          return Logger::GetLogger().SetLogLevelMask(group_, mask);
+        },
+        [this] { return Logger::GetLogger().GetLogLevelMask(group_); });
     UT_SAMPLES_PREDEFINED("hdr", "::", group_, UT_VISIBLE, UT_VISIBLE,
                           UT_VISIBLE, UT_VISIBLE, UT_VISIBLE);
-    failures += SetAndCheck(tag, kNoLevels, [this](uint32_t mask) {
-      return Logger::GetLogger().SetLogLevelMask(group_, mask);
-    }, [this] { return Logger::GetLogger().GetLogLevelMask(group_); });
+    failures += SetAndCheck(
+        tag, kNoLevels,
+        [this](uint32_t mask) {
+          return Logger::GetLogger().SetLogLevelMask(group_, mask);
+        },
+        [this] { return Logger::GetLogger().GetLogLevelMask(group_); });
     UT_SAMPLES_PREDEFINED("hdr", "::", group_, UT_SUPPRESSED, UT_SUPPRESSED,
                           UT_SUPPRESSED, UT_SUPPRESSED, UT_SUPPRESSED);
     return failures == 0 ? zov_vek::VekError::kOk : zov_vek::VekError::kErr;
@@ -100,14 +106,20 @@ class LogSampleWriter {
     using zov_vek::Logger;
     unsigned int failures = 0;
     const std::string tag(kCustomTag);
-    failures += SetAndCheck(kCustomTag, kAllLevels, [&tag](uint32_t mask) {
-      return Logger::GetLogger().SetLogLevelMask(tag, mask);
-    }, [&tag] { return Logger::GetLogger().GetLogLevelMask(tag); });
+    failures += SetAndCheck(
+        kCustomTag, kAllLevels,
+        [&tag](uint32_t mask) {
+          return Logger::GetLogger().SetLogLevelMask(tag, mask);
+        },
+        [&tag] { return Logger::GetLogger().GetLogLevelMask(tag); });
     UT_SAMPLES_CUSTOM("hdr", ":", kCustomTag, UT_VISIBLE, UT_VISIBLE,
                       UT_VISIBLE, UT_VISIBLE, UT_VISIBLE);
-    failures += SetAndCheck(kCustomTag, kNoLevels, [&tag](uint32_t mask) {
-      return Logger::GetLogger().SetLogLevelMask(tag, mask);
-    }, [&tag] { return Logger::GetLogger().GetLogLevelMask(tag); });
+    failures += SetAndCheck(
+        kCustomTag, kNoLevels,
+        [&tag](uint32_t mask) {
+          return Logger::GetLogger().SetLogLevelMask(tag, mask);
+        },
+        [&tag] { return Logger::GetLogger().GetLogLevelMask(tag); });
     UT_SAMPLES_CUSTOM("hdr", ":", kCustomTag, UT_SUPPRESSED, UT_SUPPRESSED,
                       UT_SUPPRESSED, UT_SUPPRESSED, UT_SUPPRESSED);
     return failures == 0 ? zov_vek::VekError::kOk : zov_vek::VekError::kErr;

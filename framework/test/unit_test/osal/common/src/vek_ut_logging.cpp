@@ -58,9 +58,7 @@ int TestLogEntryExit3() {
 
 VekError TestLogScoped() {
   LogScoped scope("TestLogScoped", kDiag);
-  {
-    LogScoped inner("Scoped log!", kDiag);
-  }
+  { LogScoped inner("Scoped log!", kDiag); }
   return VekError::kOk;
 }
 

@@ -53,9 +53,7 @@ int TestLogEntryExit3() {
 
 VekError TestLogScoped() {
   LogScoped scope("TestLogScoped", kCustomTag);
-  {
-    LogScoped inner("Scoped log!", kCustomTag);
-  }
+  { LogScoped inner("Scoped log!", kCustomTag); }
   return VekError::kOk;
 }
 

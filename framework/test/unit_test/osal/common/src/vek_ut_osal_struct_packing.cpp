@@ -60,8 +60,8 @@ TEST(OsalStructPackingTest, Pack1) {
     UT_MY_STRUCT_MEMBERS
   };
 #pragma pack(pop)
-  UT_EXPECT_LAYOUT(0, 1, 9, 10, 14, 15, 17, 18, 19, 20, 22, 24, 25, 29, 33,
-                   34, 42, 50);
+  UT_EXPECT_LAYOUT(0, 1, 9, 10, 14, 15, 17, 18, 19, 20, 22, 24, 25, 29, 33, 34,
+                   42, 50);
 }
 
 TEST(OsalStructPackingTest, Pack2) {
@@ -70,8 +70,8 @@ TEST(OsalStructPackingTest, Pack2) {
     UT_MY_STRUCT_MEMBERS
   };
 #pragma pack(pop)
-  UT_EXPECT_LAYOUT(0, 2, 10, 12, 16, 18, 20, 21, 22, 24, 26, 28, 30, 34, 38,
-                   40, 48, 56);
+  UT_EXPECT_LAYOUT(0, 2, 10, 12, 16, 18, 20, 21, 22, 24, 26, 28, 30, 34, 38, 40,
+                   48, 56);
 }
 
 TEST(OsalStructPackingTest, Pack4) {
@@ -80,8 +80,8 @@ TEST(OsalStructPackingTest, Pack4) {
     UT_MY_STRUCT_MEMBERS
   };
 #pragma pack(pop)
-  UT_EXPECT_LAYOUT(0, 4, 12, 16, 20, 22, 24, 25, 26, 28, 30, 32, 36, 40, 44,
-                   48, 56, 64);
+  UT_EXPECT_LAYOUT(0, 4, 12, 16, 20, 22, 24, 25, 26, 28, 30, 32, 36, 40, 44, 48,
+                   56, 64);
 }
 
 TEST(OsalStructPackingTest, Pack8) {
@@ -90,16 +90,16 @@ TEST(OsalStructPackingTest, Pack8) {
     UT_MY_STRUCT_MEMBERS
   };
 #pragma pack(pop)
-  UT_EXPECT_LAYOUT(0, 8, 16, 20, 24, 26, 28, 29, 30, 32, 34, 36, 40, 44, 48,
-                   56, 64, 72);
+  UT_EXPECT_LAYOUT(0, 8, 16, 20, 24, 26, 28, 29, 30, 32, 34, 36, 40, 44, 48, 56,
+                   64, 72);
 }
 
 TEST(OsalStructPackingTest, NaturalPacking) {
   struct MyStruct {
     UT_MY_STRUCT_MEMBERS
   };
-  UT_EXPECT_LAYOUT(0, 8, 16, 20, 24, 26, 28, 29, 30, 32, 34, 36, 40, 44, 48,
-                   56, 64, 72);
+  UT_EXPECT_LAYOUT(0, 8, 16, 20, 24, 26, 28, 29, 30, 32, 34, 36, 40, 44, 48, 56,
+                   64, 72);
 }
 
 }  // namespace zov_vek_unit_test
