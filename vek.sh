@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# One entry point for building and testing on a Debian 12 machine.
+#
+#   ./vek.sh run    install what is missing, build, run the conformance executable
+#   ./vek.sh test   install what is missing, build, run every test (ctest)
+#   ./vek.sh deps   only install what is missing
+#
+# Extra arguments of `run` go to the conformance executable.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+# Debian packages the host build and its tests need.
+HOST_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev)
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# Installs the packages given that are not installed yet; apt is left alone
+# when nothing is missing, so a prepared machine needs no network.
+install_missing() {
+  local missing=() pkg
+  for pkg in "$@"; do
+    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
+      missing+=("$pkg")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "vek.sh: installing ${missing[*]}"
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+build() {
+  local preset=$1
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+}
+
+cmd=${1:-}
+[ $# -gt 0 ] && shift
+case "$cmd" in
+  deps)
+    install_missing "${HOST_PACKAGES[@]}"
+    ;;
+  run)
+    install_missing "${HOST_PACKAGES[@]}"
+    build host
+    exec build/host/bin/vek_ut_osal_common "$@"
+    ;;
+  test)
+    install_missing "${HOST_PACKAGES[@]}"
+    build host
+    ctest --preset host
+    ;;
+  *)
+    sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
+    exit 2
+    ;;
+esac
