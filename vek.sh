@@ -9,8 +9,16 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-# Debian packages the host build and its tests need.
-HOST_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev)
+# The presets that `test` builds and runs, in this order.
+TEST_PRESETS=(host)
+
+# Debian packages each preset needs to build and run its tests.
+packages_for() {
+  case "$1" in
+    host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    *) echo "vek.sh: unknown preset $1" >&2; return 1 ;;
+  esac
+}
 
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
@@ -40,17 +48,24 @@ cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
   deps)
-    install_missing "${HOST_PACKAGES[@]}"
+    for preset in "${TEST_PRESETS[@]}"; do
+      install_missing $(packages_for "$preset")
+    done
     ;;
   run)
-    install_missing "${HOST_PACKAGES[@]}"
+    install_missing $(packages_for host)
     build host
     exec build/host/bin/vek_ut_osal_common "$@"
     ;;
   test)
-    install_missing "${HOST_PACKAGES[@]}"
-    build host
-    ctest --preset host
+    for preset in "${TEST_PRESETS[@]}"; do
+      install_missing $(packages_for "$preset")
+    done
+    for preset in "${TEST_PRESETS[@]}"; do
+      echo "vek.sh: === preset $preset"
+      build "$preset"
+      ctest --preset "$preset"
+    done
     ;;
   *)
     sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
