@@ -1,0 +1,316 @@
+// Thread attributes, threads and thread names on pthreads.
+//
+// An attribute only records what the caller asked for; everything is
+// handed to pthreads when a thread is created, from a pthread attribute
+// that lives for that one call. So an attribute can be reused for any
+// number of threads and destroyed while they still run.
+//
+// A thread names itself before its function runs (the name is the
+// operating system's, so tools and logs see it), and its creator waits for
+// that: when OsalThreadCreate returns, the thread carries its name, and the
+// thread function sees it from its first statement on.
+#include <errno.h>
+#include <limits.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdint.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <new>
+
+#include "osal/posix/vek_posix_error.h"
+#include "osal/vek_osal.h"
+
+namespace zov_vek {
+
+namespace {
+
+// The smallest caller stack accepted on every platform, so that an
+// attribute that works on one port works on all of them. It is glibc's own
+// minimum on x86-64 and bionic's on 64-bit Android.
+constexpr size_t kMinCallerStackSize = 16384;
+
+enum class StackKind { kNone, kCaller, kLibrary };
+
+struct ThreadAttr {
+  StackKind stack_kind = StackKind::kNone;
+  void* stack_addr = nullptr;
+  uint32_t stack_size = 0;
+  // Empty while no name has been set: names are never empty.
+  char name[kOsalThreadNameLengthMax] = {};
+};
+
+struct Thread {
+  pthread_t id;
+  void (*func)(void*);
+  void* arg;
+  char name[kOsalThreadNameLengthMax];
+  // Posted by the new thread once it has tried to name itself; name_rc is
+  // the outcome. Destroyed at the join, when nobody can touch it any more.
+  sem_t started;
+  int name_rc;
+};
+
+ThreadAttr* AsAttr(void* handle) { return static_cast<ThreadAttr*>(handle); }
+Thread* AsThread(void* handle) { return static_cast<Thread*>(handle); }
+
+// The platform's smallest thread stack. Newer glibc computes it at run time
+// from the CPU's signal frame size, hence no constant expression here.
+size_t PlatformStackMin() {
+  const long min = PTHREAD_STACK_MIN;
+  return min > 0 ? static_cast<size_t>(min) : kMinCallerStackSize;
+}
+
+// The size of a library-allocated stack for a request: at least what was
+// asked, at least what the platform demands, in whole pages. False when
+// that size cannot be represented.
+bool LibraryStackSize(uint32_t requested, size_t* size) {
+  const long page_size = sysconf(_SC_PAGESIZE);
+  const size_t page = page_size > 0 ? static_cast<size_t>(page_size) : 4096;
+  size_t wanted = requested;
+  const size_t min = PlatformStackMin();
+  if (wanted < min) wanted = min;
+  if (wanted > SIZE_MAX - (page - 1)) return false;
+  *size = (wanted + page - 1) / page * page;
+  return true;
+}
+
+// The one place that hands a caller's stack to pthreads.
+//
+// glibc on aarch64 refuses stacks below its 128 KiB PTHREAD_STACK_MIN in
+// pthread_attr_setstack, yet runs threads on smaller caller stacks. There
+// we declare a stack of the platform minimum that ends where the caller's
+// block ends: pthreads places its thread control block and TLS at the top
+// and the thread grows down from there, inside the caller's block. The
+// part below the block is never touched unless the thread overflows the
+// block, which would run off the caller's memory anyway, since a caller
+// stack has no guard page. pthreads does believe the stack to be that
+// large, so glibc's internal alloca limits follow the declared size: a
+// thread on a small caller stack must not make deep libc calls.
+int ApplyCallerStack(pthread_attr_t* attr, void* addr, size_t size) {
+  const int rc = pthread_attr_setstack(attr, addr, size);
+  const size_t min = PlatformStackMin();
+  if (rc != EINVAL || size >= min) return rc;
+  char* top = static_cast<char*>(addr) + size;
+  return pthread_attr_setstack(attr, top - min, min);
+}
+
+// The stack setting of an attribute applied to a pthread attribute. kErr
+// when this platform cannot run a thread on it.
+VekError ApplyStack(pthread_attr_t* attr, const ThreadAttr& from) {
+  int rc = 0;
+  if (from.stack_kind == StackKind::kCaller) {
+    if (from.stack_size < kMinCallerStackSize) return VekError::kErr;
+    rc = ApplyCallerStack(attr, from.stack_addr, from.stack_size);
+  } else {
+    size_t size = 0;
+    if (!LibraryStackSize(from.stack_size, &size)) return VekError::kErr;
+    rc = pthread_attr_setstacksize(attr, size);
+  }
+  // Both calls fail only with EINVAL, for a stack that the platform will
+  // not take.
+  return rc == 0 ? VekError::kOk : VekError::kErr;
+}
+
+// Failures of pthread_create: EAGAIN is the process running out of threads
+// or memory, not something that would block; EINVAL and EPERM refuse what
+// the attribute asked for.
+VekError FromCreateError(int rc) {
+  switch (rc) {
+    case EAGAIN:
+      return VekError::kErrNoResource;
+    case EINVAL:
+    case EPERM:
+      return VekError::kErr;
+    default:
+      return posix::FromErrno(rc);
+  }
+}
+
+// Copies a name into a caller's buffer of `len` bytes. Lengths above
+// kOsalThreadNameLengthMax are refused as well as those too short for the
+// name: a caller that claims more room than any name needs has most
+// likely passed the wrong length, and nothing is ever written at or past
+// byte kOsalThreadNameLengthMax.
+VekError CopyName(const char* name, char* buf, unsigned int len) {
+  if (len > kOsalThreadNameLengthMax) return VekError::kErrOutOfRange;
+  const size_t length = strlen(name);
+  if (len <= length) return VekError::kErrOutOfRange;
+  memcpy(buf, name, length + 1);
+  return VekError::kOk;
+}
+
+void* RunThread(void* context) {
+  Thread* thread = AsThread(context);
+  thread->name_rc = pthread_setname_np(pthread_self(), thread->name);
+  const bool named = thread->name_rc == 0;
+  // Cannot fail: the semaphore is valid and its count is 0.
+  sem_post(&thread->started);
+  // After a failed naming the creator joins this thread and frees
+  // `thread`, so it is not touched again then.
+  if (named) thread->func(thread->arg);
+  return nullptr;
+}
+
+// Waits for a semaphore that will be posted, across signal handlers.
+void WaitPosted(sem_t* sem) {
+  while (sem_wait(sem) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+VekError OsalThreadAttrInit(void** attr) {
+  if (attr == nullptr) return VekError::kErrParam;
+  auto* created = new (std::nothrow) ThreadAttr;
+  if (created == nullptr) return VekError::kErrNoResource;
+  *attr = created;
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrDestroy(void* attr) {
+  if (attr == nullptr) return VekError::kErrParam;
+  // A caller's stack stays the caller's: it is never freed here.
+  delete AsAttr(attr);
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrGetStack(void* attr, void** addr, unsigned int* size) {
+  if (attr == nullptr || addr == nullptr || size == nullptr) {
+    return VekError::kErrParam;
+  }
+  const ThreadAttr* from = AsAttr(attr);
+  *addr = from->stack_addr;
+  *size = from->stack_size;
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrSetStack(void* attr, void* addr, unsigned int size) {
+  if (attr == nullptr) return VekError::kErrParam;
+  if ((addr == nullptr) != (size == 0)) return VekError::kErrParam;
+  ThreadAttr* to = AsAttr(attr);
+  // Only recorded: the memory may not even be a stack yet, and it is not
+  // ours to look at.
+  to->stack_kind = addr == nullptr ? StackKind::kNone : StackKind::kCaller;
+  to->stack_addr = addr;
+  to->stack_size = size;
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
+  if (attr == nullptr) return VekError::kErrParam;
+  // A stack of no size is no stack; clearing is SetStack(attr, nullptr, 0).
+  if (size == 0) return VekError::kErrParam;
+  // Replaces a caller stack, if any: the thread gets a stack of its own,
+  // and the caller's memory stays the caller's.
+  ThreadAttr* to = AsAttr(attr);
+  to->stack_kind = StackKind::kLibrary;
+  to->stack_addr = nullptr;
+  to->stack_size = size;
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrSetName(void* attr, const char* name) {
+  if (attr == nullptr || name == nullptr || name[0] == '\0') {
+    return VekError::kErrParam;
+  }
+  // A longer name is refused rather than cut: two threads whose names
+  // differ only past the limit would otherwise look the same.
+  const size_t length = strnlen(name, kOsalThreadNameLengthMax);
+  if (length >= kOsalThreadNameLengthMax) return VekError::kErrOutOfRange;
+  memcpy(AsAttr(attr)->name, name, length + 1);
+  return VekError::kOk;
+}
+
+VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
+  if (attr == nullptr || buf == nullptr) return VekError::kErrParam;
+  // An attribute without a name reads as the empty name.
+  return CopyName(AsAttr(attr)->name, buf, len);
+}
+
+VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
+                          void* arg) {
+  if (thread == nullptr || attr == nullptr || func == nullptr) {
+    return VekError::kErrParam;
+  }
+  const ThreadAttr* from = AsAttr(attr);
+  // Every framework thread is named and has a stack it was given or asked
+  // for; an attribute that says neither cannot start one.
+  if (from->name[0] == '\0' || from->stack_kind == StackKind::kNone) {
+    return VekError::kErr;
+  }
+
+  auto* created = new (std::nothrow) Thread;
+  if (created == nullptr) return VekError::kErrNoResource;
+  created->func = func;
+  created->arg = arg;
+  memcpy(created->name, from->name, sizeof(created->name));
+  created->name_rc = 0;
+  if (sem_init(&created->started, /*pshared=*/0, 0) != 0) {
+    const VekError err = posix::FromErrno(errno);
+    delete created;
+    return err;
+  }
+
+  pthread_attr_t pthread_attr;
+  int rc = pthread_attr_init(&pthread_attr);
+  if (rc != 0) {
+    sem_destroy(&created->started);
+    delete created;
+    return posix::FromErrno(rc);
+  }
+  // Joinable whatever the process-wide default: every thread is joined.
+  rc = pthread_attr_setdetachstate(&pthread_attr, PTHREAD_CREATE_JOINABLE);
+  VekError err =
+      rc == 0 ? ApplyStack(&pthread_attr, *from) : posix::FromErrno(rc);
+  if (err == VekError::kOk) {
+    rc = pthread_create(&created->id, &pthread_attr, &RunThread, created);
+    if (rc != 0) err = FromCreateError(rc);
+  }
+  // pthread_attr_destroy cannot fail on an initialised attribute, and a
+  // thread that already runs could not be taken back anyway.
+  pthread_attr_destroy(&pthread_attr);
+  if (err != VekError::kOk) {
+    sem_destroy(&created->started);
+    delete created;
+    return err;
+  }
+
+  WaitPosted(&created->started);
+  if (created->name_rc != 0) {
+    // The thread ended without running func.
+    err = posix::FromErrno(created->name_rc);
+    pthread_join(created->id, nullptr);
+    sem_destroy(&created->started);
+    delete created;
+    return err;
+  }
+  *thread = created;
+  return VekError::kOk;
+}
+
+VekError OsalThreadJoin(void* thread) {
+  if (thread == nullptr) return VekError::kErrParam;
+  Thread* joined = AsThread(thread);
+  // A failed join (such as a thread joining itself) leaves the handle valid.
+  const int rc = pthread_join(joined->id, nullptr);
+  if (rc != 0) return posix::FromErrno(rc);
+  sem_destroy(&joined->started);
+  delete joined;
+  return VekError::kOk;
+}
+
+void OsalThreadExit() { pthread_exit(nullptr); }
+
+VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
+  if (thread == nullptr || buf == nullptr) return VekError::kErrParam;
+  // Asked of the operating system, not of our copy: the name is what tools
+  // see, whoever set it last. The thread must not have been joined yet.
+  char name[kOsalThreadNameLengthMax] = {};
+  const int rc = pthread_getname_np(AsThread(thread)->id, name, sizeof(name));
+  if (rc != 0) return posix::FromErrno(rc);
+  return CopyName(name, buf, len);
+}
+
+}  // namespace zov_vek
