@@ -3,6 +3,7 @@
 // the mutex.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <numeric>
 #include <vector>
 
@@ -61,7 +62,9 @@ struct TryLockParams {
   void* sem = nullptr;
   void* mutex = nullptr;
   void* thread = nullptr;
-  bool try_lock_done = false;
+  // Read by the main thread before its first wait, while the worker may
+  // be writing it.
+  std::atomic<bool> try_lock_done{false};
 };
 
 void TryLockHeldMutex(void* arg) {
