@@ -22,21 +22,30 @@ constexpr uint32_t kInitialCustomMask =
 }  // namespace
 
 Logger::Logger(uint32_t predefined_mask, uint32_t custom_default_mask)
-    : mutex_(nullptr), custom_default_mask_(custom_default_mask) {
+    : custom_default_mask_(custom_default_mask) {
   // Without its mutex the logger cannot work at all; there is no caller to
   // report to, so failing loudly here is the only honest option.
-  if (OsalMutexInit(&mutex_) != VekError::kOk) __builtin_trap();
+  if (mutex_.Init() != VekError::kOk) __builtin_trap();
   for (uint32_t value = 0; value < kPredefinedGroupCount; ++value) {
     const auto group = static_cast<PredefinedGroup>(value);
     predefined_groups_[value] = {group, {predefined_mask, GetTag(group)}};
   }
 }
 
+namespace log_internal {
+
+Logger* published_logger = nullptr;
+
+}  // namespace log_internal
+
 Logger& Logger::GetLogger() {
   // Deliberately leaked: log statements stay valid in static destructors
   // and in threads that outlive main.
-  static Logger* const logger =
-      new Logger(kInitialPredefinedMask, kInitialCustomMask);
+  static Logger* const logger = [] {
+    auto* made = new Logger(kInitialPredefinedMask, kInitialCustomMask);
+    __atomic_store_n(&log_internal::published_logger, made, __ATOMIC_RELEASE);
+    return made;
+  }();
   return *logger;
 }
 
@@ -62,11 +71,11 @@ VekError HandleLogConfigUpdate(
   if (target.type == kCustomTarget) {
     // A custom group that has not logged yet is created, so the update is
     // in force from its first statement; kErrParam when no room is left.
-    OsalMutexLock(logger.mutex_);
+    logger.mutex_.Lock();
     Logger::LogGroupConfig* group =
         logger.FindOrCreateCustomConfig(target.name);
     if (group != nullptr) group->mask = config.log_mask;
-    OsalMutexUnlock(logger.mutex_);
+    logger.mutex_.Unlock();
     return group != nullptr ? VekError::kOk : VekError::kErrParam;
   }
   return VekError::kErrParam;
