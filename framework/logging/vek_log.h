@@ -26,7 +26,7 @@ constexpr int Priority(Logger::Level level) {
 }
 
 inline bool Enabled(PredefinedGroup group, Logger::Level level) {
-  return (Logger::GetLogger().GetLogLevelMask(group) & (1u << level)) != 0;
+  return (FastLogger().GetLogLevelMask(group) & (1u << level)) != 0;
 }
 
 // A custom statement looks its group up anew every time (and creates it
