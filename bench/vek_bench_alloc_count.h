@@ -13,7 +13,8 @@ namespace vek_bench {
 uint64_t ThreadAllocations();
 
 // Reports the allocations made between construction and destruction as
-// the counter "allocs", per iteration.
+// the counter "allocs", per iteration. Every benchmark has one, just before
+// its timed loop: the CSV output wants the same counters on every row.
 class AllocationCounter {
  public:
   explicit AllocationCounter(benchmark::State& state)

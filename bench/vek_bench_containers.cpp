@@ -1,7 +1,7 @@
 // The containers beside what a user would reach for instead.
 //
-// Every container row also reports "allocs": heap allocations per
-// iteration, counted after the container was built.
+// "allocs" (heap allocations per iteration, counted after the container
+// was built) shows the containers' promise of none after construction.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>

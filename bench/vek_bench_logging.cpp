@@ -8,6 +8,7 @@
 
 #include "logging/vek_log.h"
 #include "logging/vek_logger.h"
+#include "vek_bench_alloc_count.h"
 
 namespace {
 
@@ -50,6 +51,7 @@ void DisabledPredefinedVek(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_VERBOSE);
   Logger::GetLogger().SetLogLevelMask(PredefinedGroup::kDiag, kErrorOnly);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     LOG_DEBUG(PredefinedGroup::kDiag, "disabled %d", value);
   }
@@ -61,6 +63,7 @@ BENCHMARK(DisabledPredefinedVek)->Name("log_disabled_predefined/vek");
 void DisabledPredefinedIsLoggable(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_INFO);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     if (__android_log_is_loggable(ANDROID_LOG_DEBUG, kGroupTag,
                                   ANDROID_LOG_INFO)) {
@@ -77,6 +80,7 @@ void DisabledCustomVek(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_VERBOSE);
   Logger::GetLogger().SetLogLevelMask(kCustomTag, kErrorOnly);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     LOG_CUSTOM_DEBUG(kCustomTag, "disabled %d", value);
   }
@@ -87,6 +91,7 @@ BENCHMARK(DisabledCustomVek)->Name("log_disabled_custom/vek");
 void DisabledCustomIsLoggable(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_INFO);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     if (__android_log_is_loggable(ANDROID_LOG_DEBUG, kCustomTag,
                                   ANDROID_LOG_INFO)) {
@@ -104,6 +109,7 @@ void EnabledPredefinedVek(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_VERBOSE);
   Logger::GetLogger().SetLogLevelMask(PredefinedGroup::kDiag, kAllLevels);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     LOG_DEBUG(PredefinedGroup::kDiag, "enabled %d", value);
     ++value;
@@ -114,6 +120,7 @@ BENCHMARK(EnabledPredefinedVek)->Name("log_enabled_predefined/vek");
 void EnabledPredefinedDirect(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_VERBOSE);
   int value = 0;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     __android_log_print(ANDROID_LOG_DEBUG, kGroupTag, "enabled %d", value);
     ++value;

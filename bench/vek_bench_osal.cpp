@@ -17,6 +17,7 @@
 #include "osal/vek_error.h"
 #include "osal/vek_osal.h"
 #include "osal/vek_scoped_mutex.h"
+#include "vek_bench_alloc_count.h"
 
 #ifdef VEK_BENCH_HAVE_LIBBSD
 #include <bsd/string.h>
@@ -40,6 +41,7 @@ bool Failed(benchmark::State& state, VekError err, const char* what) {
 void MutexLockUnlockVek(benchmark::State& state) {
   void* mutex = nullptr;
   if (Failed(state, zov_vek::OsalMutexInit(&mutex), "OsalMutexInit")) return;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     zov_vek::OsalMutexLock(mutex);
     zov_vek::OsalMutexUnlock(mutex);
@@ -51,6 +53,7 @@ BENCHMARK(MutexLockUnlockVek)->Name("mutex_lock_unlock/vek");
 void MutexLockUnlockPthread(benchmark::State& state) {
   pthread_mutex_t mutex;
   pthread_mutex_init(&mutex, nullptr);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     pthread_mutex_lock(&mutex);
     pthread_mutex_unlock(&mutex);
@@ -64,6 +67,7 @@ void MutexTryLockHeldVek(benchmark::State& state) {
   void* mutex = nullptr;
   if (Failed(state, zov_vek::OsalMutexInit(&mutex), "OsalMutexInit")) return;
   zov_vek::OsalMutexLock(mutex);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(zov_vek::OsalMutexTryLock(mutex));
   }
@@ -76,6 +80,7 @@ void MutexTryLockHeldPthread(benchmark::State& state) {
   pthread_mutex_t mutex;
   pthread_mutex_init(&mutex, nullptr);
   pthread_mutex_lock(&mutex);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(pthread_mutex_trylock(&mutex));
   }
@@ -88,6 +93,7 @@ BENCHMARK(MutexTryLockHeldPthread)->Name("mutex_trylock_held/pthread");
 void ScopedMutexVek(benchmark::State& state) {
   void* mutex = nullptr;
   if (Failed(state, zov_vek::OsalMutexInit(&mutex), "OsalMutexInit")) return;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     zov_vek::ScopedMutex lock(mutex);
     benchmark::ClobberMemory();
@@ -98,6 +104,7 @@ BENCHMARK(ScopedMutexVek)->Name("scoped_mutex/vek");
 
 void ScopedMutexStdLockGuard(benchmark::State& state) {
   std::mutex mutex;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     std::lock_guard<std::mutex> lock(mutex);
     benchmark::ClobberMemory();
@@ -111,6 +118,7 @@ BENCHMARK(ScopedMutexStdLockGuard)->Name("scoped_mutex/std_lock_guard");
 void SemPostWaitVek(benchmark::State& state) {
   void* sem = nullptr;
   if (Failed(state, zov_vek::OsalSemInit(&sem, 0), "OsalSemInit")) return;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     zov_vek::OsalSemPost(sem);
     zov_vek::OsalSemWait(sem);
@@ -122,6 +130,7 @@ BENCHMARK(SemPostWaitVek)->Name("sem_post_wait/vek");
 void SemPostWaitPosix(benchmark::State& state) {
   sem_t sem;
   sem_init(&sem, 0, 0);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     sem_post(&sem);
     sem_wait(&sem);
@@ -134,6 +143,7 @@ BENCHMARK(SemPostWaitPosix)->Name("sem_post_wait/posix");
 void SemTryWaitZeroVek(benchmark::State& state) {
   void* sem = nullptr;
   if (Failed(state, zov_vek::OsalSemInit(&sem, 0), "OsalSemInit")) return;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(zov_vek::OsalSemTryWait(sem));
   }
@@ -144,6 +154,7 @@ BENCHMARK(SemTryWaitZeroVek)->Name("sem_trywait_zero/vek");
 void SemTryWaitZeroPosix(benchmark::State& state) {
   sem_t sem;
   sem_init(&sem, 0, 0);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(sem_trywait(&sem));
   }
@@ -157,6 +168,7 @@ BENCHMARK(SemTryWaitZeroPosix)->Name("sem_trywait_zero/posix");
 void CondSignalNoWaiterVek(benchmark::State& state) {
   void* cond = nullptr;
   if (Failed(state, zov_vek::OsalCondInit(&cond), "OsalCondInit")) return;
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(zov_vek::OsalCondSignal(cond));
   }
@@ -167,6 +179,7 @@ BENCHMARK(CondSignalNoWaiterVek)->Name("cond_signal_no_waiter/vek");
 void CondSignalNoWaiterPthread(benchmark::State& state) {
   pthread_cond_t cond;
   pthread_cond_init(&cond, nullptr);
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(pthread_cond_signal(&cond));
   }
@@ -197,6 +210,7 @@ void PingPongSemVek(benchmark::State& state) {
       zov_vek::OsalSemPost(pong);
     }
   });
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     zov_vek::OsalSemPost(ping);
     zov_vek::OsalSemWait(pong);
@@ -222,6 +236,7 @@ void PingPongSemPosix(benchmark::State& state) {
       sem_post(&pong);
     }
   });
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     sem_post(&ping);
     sem_wait(&pong);
@@ -256,6 +271,7 @@ void PingPongCondVek(benchmark::State& state) {
     }
     zov_vek::OsalMutexUnlock(mutex);
   });
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     zov_vek::OsalMutexLock(mutex);
     turn = 1;
@@ -289,6 +305,7 @@ void PingPongCondPthread(benchmark::State& state) {
     }
     pthread_mutex_unlock(&mutex);
   });
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     pthread_mutex_lock(&mutex);
     turn = 1;
@@ -345,6 +362,7 @@ void RunOsalThreads(benchmark::State& state, void* stack) {
               : zov_vek::OsalThreadAttrSetStackSize(attr, kStackSize);
   }
   if (!Failed(state, err, "thread attribute")) {
+    vek_bench::AllocationCounter allocs(state);
     for (auto _ : state) {
       void* thread = nullptr;
       if (Failed(state,
@@ -367,6 +385,7 @@ void RunPthreads(benchmark::State& state, void* stack, void* (*func)(void*)) {
   if (rc != 0) {
     state.SkipWithError("pthread attribute");
   } else {
+    vek_bench::AllocationCounter allocs(state);
     for (auto _ : state) {
       pthread_t thread;
       if (pthread_create(&thread, &attr, func, nullptr) != 0) {
@@ -452,6 +471,7 @@ constexpr char kLongSource[] =
 template <size_t kSize>
 void RunStrlcpyVek(benchmark::State& state, const char* source) {
   char dst[kSize];
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(source);
     benchmark::DoNotOptimize(zov_vek::OsalStrlcpy(dst, source, sizeof(dst)));
@@ -473,6 +493,7 @@ BENCHMARK(StrlcpyLongVek)->Name("strlcpy_long/vek");
 template <size_t kSize>
 void RunStrlcpyBsd(benchmark::State& state, const char* source) {
   char dst[kSize];
+  vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(source);
     benchmark::DoNotOptimize(strlcpy(dst, source, sizeof(dst)));
