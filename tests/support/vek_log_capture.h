@@ -27,8 +27,13 @@ struct LogLine {
 class LogCapture {
  public:
   LogCapture() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().clear();
+    {
+      std::lock_guard<std::mutex> lock(Mutex());
+      Lines().clear();
+    }
+    // Not under Mutex(): liblog calls Record with its own lock held, so
+    // taking liblog's lock while holding ours could deadlock against a
+    // thread that logs.
     __android_log_set_logger(&LogCapture::Record);
   }
   ~LogCapture() { __android_log_set_logger(__android_log_stderr_logger); }
