@@ -13,7 +13,9 @@
 #include <new>
 
 #include "osal/posix/vek_posix_error.h"
+#include "osal/posix/vek_posix_mutex.h"
 #include "osal/vek_osal.h"
+#include "osal/vek_thread_annotations.h"
 
 namespace zov_vek {
 
@@ -21,13 +23,25 @@ namespace {
 
 struct Semaphore {
   sem_t sem;
-  pthread_mutex_t post_lock;
+  posix::Mutex post_lock;
 };
 
 Semaphore* AsSemaphore(void* handle) { return static_cast<Semaphore*>(handle); }
 
 // sem_* report failures through errno rather than their return value.
 VekError LastError() { return posix::FromErrno(errno); }
+
+// The test and the post of OsalSemPost, which only hold together while no
+// other poster runs.
+VekError PostBelowMax(Semaphore* s) VEK_REQUIRES(s->post_lock) {
+  int count = 0;
+  if (sem_getvalue(&s->sem, &count) != 0) return LastError();
+  if (count >= static_cast<int>(kOsalSemaphoreMaxValue)) {
+    return VekError::kErrOutOfRange;
+  }
+  if (sem_post(&s->sem) != 0) return LastError();
+  return VekError::kOk;
+}
 
 }  // namespace
 
@@ -36,14 +50,14 @@ VekError OsalSemInit(void** sem, unsigned int value) {
   if (value > kOsalSemaphoreMaxValue) return VekError::kErrOutOfRange;
   auto* created = new (std::nothrow) Semaphore;
   if (created == nullptr) return VekError::kErrNoResource;
-  const int rc = pthread_mutex_init(&created->post_lock, nullptr);
+  const int rc = created->post_lock.Init();
   if (rc != 0) {
     delete created;
     return posix::FromErrno(rc);
   }
   if (sem_init(&created->sem, /*pshared=*/0, value) != 0) {
     const VekError err = LastError();
-    pthread_mutex_destroy(&created->post_lock);
+    created->post_lock.Destroy();
     delete created;
     return err;
   }
@@ -56,7 +70,7 @@ VekError OsalSemDestroy(void* sem) {
   Semaphore* s = AsSemaphore(sem);
   // A poster still inside OsalSemPost holds post_lock: refuse, and the
   // semaphore stays usable.
-  const int rc = pthread_mutex_destroy(&s->post_lock);
+  const int rc = s->post_lock.Destroy();
   if (rc != 0) return posix::FromErrno(rc);
   // sem_destroy fails only for memory that is not a semaphore, which a
   // handle from OsalSemInit never is; the object goes either way.
@@ -68,18 +82,10 @@ VekError OsalSemDestroy(void* sem) {
 VekError OsalSemPost(void* sem) {
   if (sem == nullptr) return VekError::kErrParam;
   Semaphore* s = AsSemaphore(sem);
-  int rc = pthread_mutex_lock(&s->post_lock);
+  int rc = s->post_lock.Lock();
   if (rc != 0) return posix::FromErrno(rc);
-  VekError err = VekError::kOk;
-  int count = 0;
-  if (sem_getvalue(&s->sem, &count) != 0) {
-    err = LastError();
-  } else if (count >= static_cast<int>(kOsalSemaphoreMaxValue)) {
-    err = VekError::kErrOutOfRange;
-  } else if (sem_post(&s->sem) != 0) {
-    err = LastError();
-  }
-  rc = pthread_mutex_unlock(&s->post_lock);
+  VekError err = PostBelowMax(s);
+  rc = s->post_lock.Unlock();
   if (err == VekError::kOk && rc != 0) err = posix::FromErrno(rc);
   return err;
 }
