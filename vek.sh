@@ -10,12 +10,15 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 # The presets that `test` builds and runs, in this order.
-TEST_PRESETS=(host)
+TEST_PRESETS=(host clang aarch64)
 
 # Debian packages each preset needs to build and run its tests.
 packages_for() {
   case "$1" in
     host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
+        libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
     *) echo "vek.sh: unknown preset $1" >&2; return 1 ;;
   esac
 }
@@ -34,6 +37,13 @@ install_missing() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   echo "vek.sh: installing ${missing[*]}"
+  # Packages of another architecture (name:arm64) need it known to dpkg
+  # before apt-get update fetches its package lists.
+  local arch
+  for arch in $(printf '%s\n' "${missing[@]}" | sed -n 's/^[^:]*:\(.*\)$/\1/p' | sort -u); do
+    dpkg --print-foreign-architectures | grep -qx "$arch" ||
+      as_root dpkg --add-architecture "$arch"
+  done
   as_root apt-get update -qq
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
