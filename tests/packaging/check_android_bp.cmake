@@ -1,0 +1,58 @@
+# Holds Android.bp's source lists to the CMake targets': the same files in
+# the same order (the order of the conformance sources is the suites' run
+# order), and the host-only vek_host_log.cpp never in a platform build.
+#
+# -DBP=<Android.bp> -DROOT=<project> -DOSAL_SOURCES=<a|b|...>
+# -DCONFORMANCE_SOURCES=<a|b|...> (absolute paths or relative to ROOT)
+file(READ ${BP} bp)
+
+# The srcs list of the module named <module>, as paths relative to ROOT.
+function(bp_srcs module out)
+  string(FIND "${bp}" "name: \"${module}\"" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "Android.bp has no module ${module}")
+  endif()
+  string(SUBSTRING "${bp}" ${at} -1 rest)
+  string(REGEX MATCH "srcs: \\[[^]]*\\]" srcs "${rest}")
+  string(REGEX MATCHALL "\"[^\"]+\"" entries "${srcs}")
+  list(TRANSFORM entries REPLACE "\"" "")
+  set(${out} ${entries} PARENT_SCOPE)
+endfunction()
+
+function(cmake_list packed out)
+  string(REPLACE "|" ";" files "${packed}")
+  set(result)
+  foreach(file IN LISTS files)
+    file(RELATIVE_PATH file ${ROOT} ${file})
+    list(APPEND result ${file})
+  endforeach()
+  set(${out} ${result} PARENT_SCOPE)
+endfunction()
+
+bp_srcs(libvekosal bp_osal)
+bp_srcs(vek_ut_osal_common bp_conformance)
+cmake_list("${OSAL_SOURCES}" cmake_osal)
+cmake_list("${CONFORMANCE_SOURCES}" cmake_conformance)
+list(FILTER cmake_osal EXCLUDE REGEX "/vek_host_log\\.cpp$")
+list(FILTER cmake_osal INCLUDE REGEX "\\.cpp$")
+list(FILTER cmake_conformance INCLUDE REGEX "\\.cpp$")
+
+set(failed 0)
+if(bp_osal MATCHES "vek_host_log")
+  message(SEND_ERROR "libvekosal in Android.bp builds the host-only vek_host_log.cpp")
+  set(failed 1)
+endif()
+if(NOT bp_osal STREQUAL cmake_osal)
+  message(SEND_ERROR "libvekosal sources differ:\n  Android.bp: ${bp_osal}\n  CMake:      ${cmake_osal}")
+  set(failed 1)
+endif()
+if(NOT bp_conformance STREQUAL cmake_conformance)
+  message(SEND_ERROR "vek_ut_osal_common sources differ:\n  Android.bp: ${bp_conformance}\n  CMake:      ${cmake_conformance}")
+  set(failed 1)
+endif()
+if(failed)
+  message(FATAL_ERROR "Android.bp no longer mirrors the CMake source lists")
+endif()
+list(LENGTH bp_osal osal_count)
+list(LENGTH bp_conformance conformance_count)
+message(STATUS "Android.bp mirrors CMake: ${osal_count} library sources, ${conformance_count} conformance sources")
