@@ -159,9 +159,8 @@ void QueueStringStd(benchmark::State& state) {
 BENCHMARK(QueueStringStd)->Name("queue_string_push_pop/std_queue");
 
 // === VectorMap
-// --------------------------------------------------------------------- Keys 0
-// to n - 1 in a map of exactly n slots; lookups cycle through every key, so a
-// linear scan pays its average length.
+// Keys 0 to n - 1 in a map of exactly n slots; lookups cycle through every
+// key, so a linear scan pays its average length.
 
 struct Dummy {
   uint32_t val;
@@ -277,9 +276,8 @@ BENCHMARK(MapInsertRemoveOrdered)
     ->Arg(64);
 
 // === ObjectPool
-// -------------------------------------------------------------------- One
-// object in use at a time from a pool of 16, beside making a fresh shared
-// object for every use.
+// One object in use at a time from a pool of 16, beside making a fresh
+// shared object for every use.
 
 struct Pooled {
   uint64_t payload[8];

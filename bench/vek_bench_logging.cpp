@@ -43,9 +43,9 @@ class NullSink {
 };
 
 // === Disabled statements
-// ------------------------------------------------------- A debug statement in
-// a group whose mask holds only the error bit, beside the same statement behind
-// liblog's own loggability test with the process minimum at info.
+// A debug statement in a group whose mask holds only the error bit, beside
+// the same statement behind liblog's own loggability test with the process
+// minimum at info.
 
 void DisabledPredefinedVek(benchmark::State& state) {
   NullSink sink(ANDROID_LOG_VERBOSE);

@@ -10,6 +10,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -163,6 +164,19 @@ void SemTryWaitZeroPosix(benchmark::State& state) {
 }
 BENCHMARK(SemTryWaitZeroPosix)->Name("sem_trywait_zero/posix");
 
+// A raw caller that wants to know why the try failed (would block, or
+// something else) reads errno as well, as the OSAL must to pick its code.
+void SemTryWaitZeroPosixErrno(benchmark::State& state) {
+  sem_t sem;
+  sem_init(&sem, 0, 0);
+  vek_bench::AllocationCounter allocs(state);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(sem_trywait(&sem) == 0 || errno != EAGAIN);
+  }
+  sem_destroy(&sem);
+}
+BENCHMARK(SemTryWaitZeroPosixErrno)->Name("sem_trywait_zero/posix_errno");
+
 // === Condition variable
 
 void CondSignalNoWaiterVek(benchmark::State& state) {
@@ -188,11 +202,10 @@ void CondSignalNoWaiterPthread(benchmark::State& state) {
 }
 BENCHMARK(CondSignalNoWaiterPthread)->Name("cond_signal_no_waiter/pthread");
 
-// --- Two-thread ping-pong
-// ------------------------------------------------------ One round trip per
-// iteration: the main thread hands the turn to a partner thread and waits until
-// it comes back. Both threads block, so these rows are timed in wall-clock
-// time.
+// === Two-thread ping-pong
+// One round trip per iteration: the main thread hands the turn to a partner
+// thread and waits until it comes back. Both threads block, so these rows
+// are timed in wall-clock time.
 
 void PingPongSemVek(benchmark::State& state) {
   void* ping = nullptr;
@@ -325,12 +338,13 @@ void PingPongCondPthread(benchmark::State& state) {
 BENCHMARK(PingPongCondPthread)->Name("pingpong_cond/pthread")->UseRealTime();
 
 // === Threads
-// ------------------------------------------------------------------- Create
-// and join a thread that does nothing, on a 16 KiB stack that the library
-// allocates or that the caller provides. The pthread references reuse one
-// pthread attribute, as a careful user of the raw API would; the
+// Create and join a thread that does nothing, on a 16 KiB stack that the
+// library allocates or that the caller provides. The pthread references
+// reuse one pthread attribute, as a careful user of the raw API would; the
 // "pthread_named" references also name the thread (from inside, the cheap
-// way), which is what every OSAL thread gets.
+// way), which is what every OSAL thread gets; "pthread_named_announced"
+// also makes the creator wait until the name is in place, as
+// OsalThreadCreate does.
 
 constexpr unsigned int kStackSize = 16384;
 constexpr char kThreadName[] = "vek_bench";
@@ -339,6 +353,12 @@ void NopThread(void*) {}
 void* NopPthread(void*) { return nullptr; }
 void* NamedNopPthread(void*) {
   pthread_setname_np(pthread_self(), kThreadName);
+  return nullptr;
+}
+// Names itself, then tells the creator, who waits for that.
+void* NamedAnnouncedNopPthread(void* started) {
+  pthread_setname_np(pthread_self(), kThreadName);
+  sem_post(static_cast<sem_t*>(started));
   return nullptr;
 }
 
@@ -376,7 +396,12 @@ void RunOsalThreads(benchmark::State& state, void* stack) {
   zov_vek::OsalThreadAttrDestroy(attr);
 }
 
-void RunPthreads(benchmark::State& state, void* stack, void* (*func)(void*)) {
+// With `announced`, the creator's create step ends only once the thread
+// carries its name, which is what OsalThreadCreate promises.
+void RunPthreads(benchmark::State& state, void* stack, void* (*func)(void*),
+                 bool announced = false) {
+  sem_t started;
+  sem_init(&started, 0, 0);
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   const int rc = stack != nullptr
@@ -388,14 +413,16 @@ void RunPthreads(benchmark::State& state, void* stack, void* (*func)(void*)) {
     vek_bench::AllocationCounter allocs(state);
     for (auto _ : state) {
       pthread_t thread;
-      if (pthread_create(&thread, &attr, func, nullptr) != 0) {
+      if (pthread_create(&thread, &attr, func, &started) != 0) {
         state.SkipWithError("pthread_create");
         break;
       }
+      if (announced) sem_wait(&started);
       pthread_join(thread, nullptr);
     }
   }
   pthread_attr_destroy(&attr);
+  sem_destroy(&started);
 }
 
 // A caller stack, aligned as the conformance suites align theirs.
@@ -433,6 +460,13 @@ BENCHMARK(ThreadLibraryStackPthreadNamed)
     ->Name("thread_create_join_library_stack/pthread_named")
     ->UseRealTime();
 
+void ThreadLibraryStackPthreadAnnounced(benchmark::State& state) {
+  RunPthreads(state, nullptr, NamedAnnouncedNopPthread, true);
+}
+BENCHMARK(ThreadLibraryStackPthreadAnnounced)
+    ->Name("thread_create_join_library_stack/pthread_named_announced")
+    ->UseRealTime();
+
 void ThreadCallerStackVek(benchmark::State& state) {
   CallerStack stack;
   RunOsalThreads(state, stack.get());
@@ -458,9 +492,17 @@ BENCHMARK(ThreadCallerStackPthreadNamed)
     ->Name("thread_create_join_caller_stack/pthread_named")
     ->UseRealTime();
 
+void ThreadCallerStackPthreadAnnounced(benchmark::State& state) {
+  CallerStack stack;
+  RunPthreads(state, stack.get(), NamedAnnouncedNopPthread, true);
+}
+BENCHMARK(ThreadCallerStackPthreadAnnounced)
+    ->Name("thread_create_join_caller_stack/pthread_named_announced")
+    ->UseRealTime();
+
 // === Bounded string copy
-// --------------------------------------------------------- A short copy that
-// truncates (the conformance suite's 7-byte buffer) and a long one that fits.
+// A short copy that truncates (the conformance suite's 7-byte buffer) and a
+// long one that fits.
 
 constexpr char kShortSource[] = "abcdefgh";
 constexpr char kLongSource[] =

@@ -59,6 +59,10 @@ set -- --benchmark_repetitions="$reps" \
   --benchmark_format=csv
 [ -n "$filter" ] && set -- "$@" --benchmark_filter="$filter"
 "$bench" "$@" >"$csv" 2>/dev/null
+# The table follows the order in which the benchmarks are registered; the
+# run order is random.
+order=$("$bench" --benchmark_list_tests=true ${filter:+--benchmark_filter="$filter"} |
+  cut -d/ -f1-2 | tr '\n' ' ')
 
 echo "Load:    $load_before before, $(load) after (1, 5, 15 min averages)"
 echo
@@ -69,7 +73,7 @@ echo
 # does not inflate. A reference's label "goal=R" is the largest ratio
 # ours/reference that meets the goal; our row's label "max_ns=N" an
 # absolute bound on our time.
-awk -F, '
+awk -F, -v order="$order" '
 function ns(value, unit) {
   if (unit == "us") return value * 1e3
   if (unit == "ms") return value * 1e6
@@ -112,21 +116,47 @@ $1 !~ /_median$/ { next }
     ref_time[op, k] = t
     ref_label[op, k] = $col["label"]
     if ("allocs" in col) ref_allocs[op, k] = $col["allocs"]
+    rank[op, k] = 1e9
   }
   if (wall) clock[op] = "wall"
   else if (!(op in clock)) clock[op] = "cpu"
 }
 END {
-  printf "%-34s %-10s %-26s %-10s %6s  %-7s %-6s %s\n", \
+  # Registration order: of the operations, and of the references within
+  # each; anything the listing missed goes last.
+  n = split(order, listed, " ")
+  nsorted = 0
+  for (i = 1; i <= n; i++) {
+    split(listed[i], part, "/")
+    if ((part[1] in seen) && !(part[1] in placed)) {
+      sorted[++nsorted] = part[1]; placed[part[1]] = 1
+    }
+    for (k = 1; k <= nrefs[part[1]]; k++)
+      if (ref_impl[part[1], k] == part[2]) rank[part[1], k] = i
+  }
+  for (i = 1; i <= nops; i++)
+    if (!(ops[i] in placed)) sorted[++nsorted] = ops[i]
+  for (i = 1; i <= nops; i++) {
+    op = ops[i]
+    for (a = 2; a <= nrefs[op]; a++)
+      for (b = a; b > 1 && rank[op, b] < rank[op, b - 1]; b--) {
+        tmp = ref_impl[op, b]; ref_impl[op, b] = ref_impl[op, b - 1]; ref_impl[op, b - 1] = tmp
+        tmp = ref_time[op, b]; ref_time[op, b] = ref_time[op, b - 1]; ref_time[op, b - 1] = tmp
+        tmp = ref_label[op, b]; ref_label[op, b] = ref_label[op, b - 1]; ref_label[op, b - 1] = tmp
+        tmp = ref_allocs[op, b]; ref_allocs[op, b] = ref_allocs[op, b - 1]; ref_allocs[op, b - 1] = tmp
+        tmp = rank[op, b]; rank[op, b] = rank[op, b - 1]; rank[op, b - 1] = tmp
+      }
+  }
+  printf "%-40s %-10s %-26s %-10s %6s  %-7s %-6s %s\n", \
     "operation (clock)", "ours", "reference", "theirs", "ratio", "goal", \
     "", "allocs/op ours, theirs"
   met = 0; missed = 0
-  for (i = 1; i <= nops; i++) {
-    op = ops[i]
+  for (i = 1; i <= nsorted; i++) {
+    op = sorted[i]
     if (!(op in ours)) continue
     label = op " (" clock[op] ")"
     if (nrefs[op] == 0) {
-      printf "%-34s %-10s\n", label, fmt(ours[op])
+      printf "%-40s %-10s\n", label, fmt(ours[op])
     }
     for (k = 1; k <= nrefs[op]; k++) {
       ratio = ours[op] / ref_time[op, k]
@@ -140,7 +170,7 @@ END {
       allocs = ""
       if ((op in ours_allocs) && ours_allocs[op] != "")
         allocs = fmt_allocs(ours_allocs[op]) ", " fmt_allocs(ref_allocs[op, k])
-      printf "%-34s %-10s %-26s %-10s %6.2f  %-7s %-6s %s\n", \
+      printf "%-40s %-10s %-26s %-10s %6.2f  %-7s %-6s %s\n", \
         (k == 1 ? label : ""), (k == 1 ? fmt(ours[op]) : ""), \
         ref_impl[op, k], fmt(ref_time[op, k]), ratio, goal, verdict, allocs
     }
@@ -148,7 +178,7 @@ END {
       bound = substr(ours_label[op], 8)
       verdict = ours[op] <= bound + 0 ? "met" : "MISSED"
       if (verdict == "met") met++; else missed++
-      printf "%-34s %-10s %-26s %-10s %6s  %-7s %s\n", "", "", \
+      printf "%-40s %-10s %-26s %-10s %6s  %-7s %s\n", "", "", \
         "(absolute bound)", "", "", "<=" bound "ns", verdict
     }
   }
