@@ -15,7 +15,8 @@ TEST_PRESETS=(host clang aarch64)
 # Debian packages each preset needs to build and run its tests.
 packages_for() {
   case "$1" in
-    host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev \
+        libbenchmark-dev libboost-dev ;;
     clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
         libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
