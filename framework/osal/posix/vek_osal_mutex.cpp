@@ -33,7 +33,12 @@ VekError OsalMutexInit(void** mutex) {
 VekError OsalMutexDestroy(void* mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
   // A held mutex is refused (EBUSY) and stays usable rather than being
-  // freed under its owner.
+  // freed under its owner. POSIX leaves destroying a held mutex undefined,
+  // so the holder is detected by a try-lock first, which fails for the
+  // owner too: the mutex is not recursive.
+  const int busy = pthread_mutex_trylock(AsMutex(mutex));
+  if (busy != 0) return posix::FromErrno(busy);
+  pthread_mutex_unlock(AsMutex(mutex));
   const int rc = pthread_mutex_destroy(AsMutex(mutex));
   if (rc != 0) return posix::FromErrno(rc);
   delete AsMutex(mutex);
