@@ -1,0 +1,138 @@
+// A fixed-capacity first-in-first-out ring queue.
+//
+// Components compile this into their hot paths, so it never grows, never
+// allocates after construction and never throws. Misuse (a full queue on
+// Enqueue, an empty one on a read or removal, an index past the occupied
+// range) writes one error line in the kOsal group and then either returns
+// kErrNoResource or hands back the default object given at construction;
+// the queue is left exactly as it was.
+//
+// There is no lock: a caller that shares a queue between threads serialises
+// every operation, the read-only ones included.
+#ifndef UTILS_VEK_QUEUE_H_
+#define UTILS_VEK_QUEUE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "logging/vek_log.h"
+#include "osal/vek_error.h"
+
+namespace zov_vek {
+
+template <typename T>
+class Queue {
+ public:
+  // A size of 0 is accepted: such a queue is at once full and empty.
+  Queue(uint32_t queue_size, const T& default_object)
+      : default_object_(default_object),
+        buffer_(queue_size, default_object_),
+        queue_size_(buffer_.size()),
+        head_(0),
+        tail_(-1),
+        occupied_count_(0) {}
+
+  // Copies `element` behind the newest one. On a full queue nothing is
+  // stored and the oldest element is not overwritten.
+  VekError Enqueue(const T& element) {
+    if (static_cast<uint64_t>(occupied_count_) <
+        static_cast<uint64_t>(queue_size_)) {
+      tail_ = Advance(tail_);
+      buffer_[static_cast<size_t>(tail_)] = element;
+      ++occupied_count_;
+      return VekError::kOk;
+    }
+    LOG_ERROR(PredefinedGroup::kOsal,
+              "%s: queue overflow, occupied_count=%u, queue_size=%zu", __func__,
+              occupied_count_, queue_size_);
+    return VekError::kErrNoResource;
+  }
+
+  // Removes the oldest element and returns it, moved out of its slot; a
+  // copy of the default object when the queue is empty.
+  T Dequeue() {
+    if (occupied_count_ == 0) {
+      LOG_ERROR(PredefinedGroup::kOsal,
+                "%s: queue underflow, occupied_count=%u, queue_size=%zu",
+                __func__, occupied_count_, queue_size_);
+      return default_object_;
+    }
+    T& slot = buffer_[static_cast<size_t>(head_)];
+    --occupied_count_;
+    head_ = Advance(head_);
+    return std::move(slot);
+  }
+
+  // Removes the oldest element; its slot keeps the value until it is
+  // written again.
+  void Pop() {
+    if (occupied_count_ == 0) {
+      LOG_ERROR(PredefinedGroup::kOsal,
+                "%s: queue underflow, occupied_count=%u, queue_size=%zu",
+                __func__, occupied_count_, queue_size_);
+      return;
+    }
+    --occupied_count_;
+    head_ = Advance(head_);
+  }
+
+  const T& Front() const {
+    if (occupied_count_ == 0) {
+      LOG_ERROR(PredefinedGroup::kOsal,
+                "%s: queue is empty, occupied_count=%u, queue_size=%zu",
+                __func__, occupied_count_, queue_size_);
+      return default_object_;
+    }
+    return buffer_[static_cast<size_t>(head_)];
+  }
+
+  // The most recently enqueued element.
+  const T& Back() const {
+    if (occupied_count_ == 0) {
+      LOG_ERROR(PredefinedGroup::kOsal,
+                "%s: queue is empty, occupied_count=%u, queue_size=%zu",
+                __func__, occupied_count_, queue_size_);
+      return default_object_;
+    }
+    return buffer_[static_cast<size_t>(tail_)];
+  }
+
+  // The element `index` places behind the front; index 0 is the front.
+  const T& operator[](size_t index) const {
+    if (index < occupied_count_) {
+      uint64_t position = static_cast<uint64_t>(head_) + index;
+      if (position >= queue_size_) position -= queue_size_;
+      return buffer_[static_cast<size_t>(position)];
+    }
+    LOG_ERROR(PredefinedGroup::kOsal,
+              "%s: attempting to access invalid index=%zu, "
+              "occupied_count=%u, queue_size=%zu",
+              __func__, index, occupied_count_, queue_size_);
+    return default_object_;
+  }
+
+  size_t Size() const { return occupied_count_; }
+  size_t Capacity() const { return queue_size_; }
+  bool Empty() const { return occupied_count_ == 0; }
+
+ private:
+  // The successor of a slot index. A compare instead of a modulo: this is
+  // on every operation and the slot count is not a power of two in general.
+  int32_t Advance(int32_t index) const {
+    const int32_t next = index + 1;
+    return static_cast<size_t>(next) == queue_size_ ? 0 : next;
+  }
+
+  T default_object_;  // never written after construction
+  std::vector<T> buffer_;
+  size_t queue_size_;
+  int32_t head_;  // slot of the oldest element
+  int32_t tail_;  // slot of the newest element; -1 before the first write
+  uint32_t occupied_count_;
+};
+
+}  // namespace zov_vek
+
+#endif  // UTILS_VEK_QUEUE_H_
