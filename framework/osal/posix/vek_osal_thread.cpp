@@ -79,21 +79,55 @@ bool LibraryStackSize(uint32_t requested, size_t* size) {
 // The one place that hands a caller's stack to pthreads.
 //
 // glibc on aarch64 refuses stacks below its 128 KiB PTHREAD_STACK_MIN in
-// pthread_attr_setstack, yet runs threads on smaller caller stacks. There
-// we declare a stack of the platform minimum that ends where the caller's
-// block ends: pthreads places its thread control block and TLS at the top
-// and the thread grows down from there, inside the caller's block. The
-// part below the block is never touched unless the thread overflows the
-// block, which would run off the caller's memory anyway, since a caller
-// stack has no guard page. pthreads does believe the stack to be that
-// large, so glibc's internal alloca limits follow the declared size: a
-// thread on a small caller stack must not make deep libc calls.
+// pthread_attr_setstack, yet pthread_create runs threads on smaller caller
+// stacks. Declaring a larger stack that ends where the caller's block ends
+// would make the C library size its own stack use (alloca limits) and
+// report the stack (pthread_getattr_np) for memory the thread does not
+// have. So the attribute gets the caller's block exactly, by another way:
+// two stacks of the minimum size and twice that, both ending where the
+// caller's block ends, tell which word of the opaque attribute holds the
+// size; that word then gets the caller's size. pthread_attr_getstack,
+// which reads what pthread_create reads, must then report the caller's
+// block, or the stack is refused (EINVAL) rather than guessed at.
 int ApplyCallerStack(pthread_attr_t* attr, void* addr, size_t size) {
   const int rc = pthread_attr_setstack(attr, addr, size);
   const size_t min = PlatformStackMin();
   if (rc != EINVAL || size >= min) return rc;
-  char* top = static_cast<char*>(addr) + size;
-  return pthread_attr_setstack(attr, top - min, min);
+  const uintptr_t top = reinterpret_cast<uintptr_t>(addr) + size;
+  if (top < 2 * min) return EINVAL;
+  pthread_attr_t probe;
+  if (pthread_attr_init(&probe) != 0) return EINVAL;
+  const int probe_rc = pthread_attr_setstack(
+      &probe, reinterpret_cast<void*>(top - 2 * min), 2 * min);
+  if (probe_rc != 0 ||
+      pthread_attr_setstack(attr, reinterpret_cast<void*>(top - min), min) !=
+          0) {
+    pthread_attr_destroy(&probe);
+    return EINVAL;
+  }
+  size_t offset = sizeof(pthread_attr_t);
+  for (size_t at = 0; at + sizeof(size_t) <= sizeof(pthread_attr_t);
+       at += sizeof(size_t)) {
+    size_t small = 0;
+    size_t large = 0;
+    std::memcpy(&small, reinterpret_cast<const char*>(attr) + at,
+                sizeof(small));
+    std::memcpy(&large, reinterpret_cast<const char*>(&probe) + at,
+                sizeof(large));
+    if (small != min || large != 2 * min) continue;
+    // More than one such word: ambiguous, so none is taken.
+    offset = offset == sizeof(pthread_attr_t) ? at : sizeof(pthread_attr_t) + 1;
+  }
+  pthread_attr_destroy(&probe);
+  if (offset >= sizeof(pthread_attr_t)) return EINVAL;
+  std::memcpy(reinterpret_cast<char*>(attr) + offset, &size, sizeof(size));
+  void* got_addr = nullptr;
+  size_t got_size = 0;
+  if (pthread_attr_getstack(attr, &got_addr, &got_size) != 0 ||
+      got_addr != addr || got_size != size) {
+    return EINVAL;
+  }
+  return 0;
 }
 
 // The stack setting of an attribute applied to a pthread attribute. kErr
