@@ -177,5 +177,14 @@ TEST_F(LoggerTest, ConfigUpdateRefusesWhatItCannotApply) {
   }
 }
 
+// Predefined statements read the logger through the address that the
+// library publishes; it must be the singleton itself, or statements would
+// test masks that nobody sets.
+TEST_F(LoggerTest, PublishedAddressIsTheSingleton) {
+  Logger& logger = Logger::GetLogger();
+  EXPECT_EQ(&logger, zov_vek::log_internal::published_logger);
+  EXPECT_EQ(&logger, &zov_vek::log_internal::FastLogger());
+}
+
 }  // namespace
 }  // namespace vek_test
