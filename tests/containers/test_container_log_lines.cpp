@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <new>
@@ -220,8 +221,12 @@ struct StderrLine {
 
 std::vector<StderrLine> RunAndReadStderr(const std::string& arguments,
                                          int* status) {
-  const std::string command = std::string("'") + VEK_UT_OSAL_COMMON_PATH +
-                              "' " + arguments + " 2>&1 >/dev/null";
+  // On a cross build the test preset names the emulator that runs the
+  // build's programs (VEK_TEST_EMULATOR); natively it is unset.
+  const char* emulator = std::getenv("VEK_TEST_EMULATOR");
+  const std::string command = std::string(emulator != nullptr ? emulator : "") +
+                              " '" + VEK_UT_OSAL_COMMON_PATH + "' " +
+                              arguments + " 2>&1 >/dev/null";
   std::vector<StderrLine> lines;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) {

@@ -14,8 +14,11 @@ foreach(var EXE EXPECTED)
   endif()
 endforeach()
 
+# On a cross build the test preset names the emulator that runs the build's
+# programs (VEK_TEST_EMULATOR); natively it is unset.
+separate_arguments(emulator UNIX_COMMAND "$ENV{VEK_TEST_EMULATOR}")
 execute_process(
-  COMMAND "${EXE}" --gtest_list_tests
+  COMMAND ${emulator} "${EXE}" --gtest_list_tests
   OUTPUT_VARIABLE listing
   ERROR_VARIABLE errors
   RESULT_VARIABLE status)
