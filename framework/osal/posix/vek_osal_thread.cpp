@@ -327,7 +327,11 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
 VekError OsalThreadJoin(void* thread) {
   if (thread == nullptr) return VekError::kErrParam;
   Thread* joined = AsThread(thread);
-  // A failed join (such as a thread joining itself) leaves the handle valid.
+  // A thread joining itself would wait forever. POSIX lets pthread_join
+  // detect that (EDEADLK) but does not require it, so it is refused here
+  // on every C library; the handle stays valid for the real joiner.
+  if (pthread_equal(joined->id, pthread_self())) return VekError::kErr;
+  // A failed join leaves the handle valid.
   const int rc = pthread_join(joined->id, nullptr);
   if (rc != 0) return posix::FromErrno(rc);
   sem_destroy(&joined->started);
