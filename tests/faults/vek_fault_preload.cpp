@@ -1,0 +1,864 @@
+// A broken libvekosal: preloaded in front of the real one, this library
+// takes over every exported operation and bends exactly one promise, the
+// one that VEK_FAULT names. Every other call goes straight to the real
+// library (dlsym(RTLD_NEXT, ...)), so with VEK_FAULT unset or "none" the
+// conformance run must pass as it does without us.
+//
+// When a fault first changes what a call does, the library writes
+// "vek-fault: injected <name>" to stderr, so that a run that passes can
+// prove the fault was really in force. An unknown fault name ends the
+// process at once (status 97): a misspelt test must not pass quietly.
+//
+// This library never links libvekosal; everything of it is reached through
+// dlsym, so it also loads into processes without it (the runner).
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <new>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "logging/vek_logger.h"
+#include "osal/vek_error.h"
+#include "osal/vek_osal.h"
+#include "utils/vek_worker_thread_base.h"
+
+namespace vek_fault {
+
+// One broken promise each; the comment says what the port does instead.
+#define VEK_FAULT_LIST(X)                                                  \
+  X(kNone, "none")                                                         \
+  /* Init(nullptr) stores the new handle through the null pointer. */      \
+  X(kMutexInitNullCrash, "mutex-init-null-crash")                          \
+  X(kMutexDestroyNullAccepted, "mutex-destroy-null-accepted")              \
+  X(kMutexLockNoop, "mutex-lock-noop")                                     \
+  X(kMutexUnlockNullCrash, "mutex-unlock-null-crash")                      \
+  /* Unlocks, then reports a failure. */                                   \
+  X(kMutexUnlockReportsError, "mutex-unlock-reports-error")                \
+  /* A recursive mutex: the holder's try-lock succeeds and counts. */      \
+  X(kMutexTryLockRecursive, "mutex-trylock-recursive")                     \
+  X(kMutexTryLockBlocks, "mutex-trylock-blocks")                           \
+  X(kSemInitNullCrash, "sem-init-null-crash")                              \
+  /* 65536 and above are clamped to the maximum instead of refused. */     \
+  X(kSemInitAcceptsAboveMax, "sem-init-accepts-65536")                     \
+  X(kSemDestroyNullAccepted, "sem-destroy-null-accepted")                  \
+  X(kSemPostTwice, "sem-post-adds-two")                                    \
+  /* Waits for a count above 0 but does not take one. */                   \
+  X(kSemWaitKeepsCount, "sem-wait-keeps-count")                            \
+  X(kSemTryWaitSucceedsAtZero, "sem-trywait-succeeds-at-zero")             \
+  X(kSemTryWaitBlocks, "sem-trywait-blocks")                               \
+  /* Returns kOk and leaves the caller's int as it was. */                 \
+  X(kSemGetValueUnwritten, "sem-getvalue-unwritten")                       \
+  X(kCondInitNullCrash, "cond-init-null-crash")                            \
+  X(kCondDestroyNullAccepted, "cond-destroy-null-accepted")                \
+  X(kCondWaitKeepsMutex, "cond-wait-keeps-mutex")                          \
+  X(kCondSignalWakesNone, "cond-signal-wakes-none")                        \
+  X(kCondBroadcastWakesOne, "cond-broadcast-wakes-one")                    \
+  X(kAttrInitNullAccepted, "attr-init-null-accepted")                      \
+  /* Frees a caller's stack along with the attribute. */                   \
+  X(kAttrDestroyFreesStack, "attr-destroy-frees-stack")                    \
+  X(kAttrGetStackUnwritten, "attr-getstack-unwritten")                     \
+  /* SetStack(attr, nullptr, 8092) is taken as a library stack size. */    \
+  X(kAttrSetStackAcceptsNullWithSize, "attr-setstack-accepts-null-8092")   \
+  /* Caller stacks below 16384 bytes are refused when set. */              \
+  X(kAttrSetStackRefusesSmall, "attr-setstack-refuses-8092")               \
+  X(kAttrSetStackSizeRefusesSmall, "attr-setstacksize-refuses-1200")       \
+  X(kAttrSetNameAcceptsEmpty, "attr-setname-accepts-empty")                \
+  /* A 15-character name is kept as 14 characters. */                      \
+  X(kAttrSetNameCutsLastChar, "attr-setname-cuts-15th-char")               \
+  /* Clears all `len` bytes of the caller's buffer before checking len. */ \
+  X(kAttrGetNameClearsWholeBuffer, "attr-getname-writes-past-16")          \
+  X(kAttrGetNameAcceptsLongLength, "attr-getname-accepts-len-26")          \
+  /* A null attribute means a default one. */                              \
+  X(kCreateNullAttrAccepted, "create-null-attr-accepted")                  \
+  X(kCreateAcceptsUnnamed, "create-ignores-missing-name")                  \
+  /* The new thread keeps its creator's name. */                           \
+  X(kCreateNameNotApplied, "create-name-not-applied")                      \
+  /* An attribute whose stack was cleared gets a default stack. */         \
+  X(kCreateAcceptsClearedStack, "create-accepts-cleared-stack")            \
+  /* Returns at once; a helper thread joins. Threads start 20 ms late, */  \
+  /* as any port may start them, so that the missing wait shows in */      \
+  /* every run rather than by the luck of the scheduler. */                \
+  X(kJoinDoesNotWait, "join-does-not-wait")                                \
+  X(kJoinNullCrash, "join-null-crash")                                     \
+  X(kExitReturns, "exit-returns")                                          \
+  /* Reads the calling thread's name, whatever the handle. */              \
+  X(kThreadGetNameReadsCaller, "getname-reads-caller")                     \
+  /* Returns the number of characters copied, not strlen(src). */          \
+  X(kStrlcpyReturnsCopied, "strlcpy-returns-copied-length")                \
+  X(kStrlcpyUnterminated, "strlcpy-unterminated")                          \
+  /* Copies at most size - 2 characters. */                                \
+  X(kStrlcpyOffByOne, "strlcpy-drops-last-char")                           \
+  /* A new logger on every call. */                                        \
+  X(kGetLoggerNotSingleton, "getlogger-not-singleton")                     \
+  /* Returns kOk and changes no mask. */                                   \
+  X(kLogConfigUpdateIgnored, "log-config-update-ignored")                  \
+  /* Sets the exit request under the mutex; neither wakes nor joins. */    \
+  X(kWorkerExitFlagOnly, "worker-exit-only-sets-flag")                     \
+  /* A Start while the worker runs reports kOk. */                         \
+  X(kWorkerStartTwiceAccepted, "worker-start-accepts-second")
+
+enum class Fault : size_t {
+#define VEK_FAULT_ENUM(id, name) id,
+  VEK_FAULT_LIST(VEK_FAULT_ENUM)
+#undef VEK_FAULT_ENUM
+};
+
+namespace {
+
+// The faults by name; the index is the Fault value.
+constexpr const char* kFaultNames[] = {
+#define VEK_FAULT_NAME(id, name) name,
+    VEK_FAULT_LIST(VEK_FAULT_NAME)
+#undef VEK_FAULT_NAME
+};
+constexpr size_t kFaultCount = sizeof(kFaultNames) / sizeof(kFaultNames[0]);
+
+constexpr int kUsageStatus = 97;
+
+[[noreturn]] void Die(const char* what, const char* detail) {
+  fprintf(stderr, "vek-fault: %s%s\n", what, detail);
+  fflush(stderr);
+  _exit(kUsageStatus);
+}
+
+Fault ReadFault() {
+  const char* text = getenv("VEK_FAULT");
+  if (text == nullptr || text[0] == '\0' || strcmp(text, "none") == 0) {
+    return Fault::kNone;
+  }
+  for (size_t i = 1; i < kFaultCount; ++i) {
+    if (strcmp(text, kFaultNames[i]) == 0) return static_cast<Fault>(i);
+  }
+  Die("unknown fault ", text);
+}
+
+// Read once: the environment may change later. A function-local static,
+// because other libraries' constructors may call us before ours have run.
+Fault Current() {
+  static const Fault fault = ReadFault();
+  return fault;
+}
+
+std::atomic<bool> g_announced{false};
+
+bool Active(Fault fault) { return Current() == fault; }
+
+void Injected() {
+  if (g_announced.exchange(true)) return;
+  const std::string line = std::string("vek-fault: injected ") +
+                           kFaultNames[static_cast<size_t>(Current())] + "\n";
+  // One write, so that the line is not torn by other threads' output.
+  const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+  static_cast<void>(written);
+}
+
+void* Next(const char* symbol) {
+  void* found = dlsym(RTLD_NEXT, symbol);
+  if (found == nullptr) Die("no definition after this library of ", symbol);
+  return found;
+}
+
+}  // namespace
+}  // namespace vek_fault
+
+using vek_fault::Active;
+using vek_fault::Fault;
+using vek_fault::Injected;
+using vek_fault::Next;
+using zov_vek::VekError;
+
+// The real operations, looked up on first use. The symbol names are checked
+// against our own definitions when the library loads (below).
+#define VEK_REAL(name, type, symbol) \
+  static const auto name = reinterpret_cast<type>(Next(symbol))
+
+namespace {
+
+constexpr char kMutexInit[] = "_ZN7zov_vek13OsalMutexInitEPPv";
+constexpr char kMutexDestroy[] = "_ZN7zov_vek16OsalMutexDestroyEPv";
+constexpr char kMutexLock[] = "_ZN7zov_vek13OsalMutexLockEPv";
+constexpr char kMutexUnlock[] = "_ZN7zov_vek15OsalMutexUnlockEPv";
+constexpr char kMutexTryLock[] = "_ZN7zov_vek16OsalMutexTryLockEPv";
+constexpr char kSemInit[] = "_ZN7zov_vek11OsalSemInitEPPvj";
+constexpr char kSemDestroy[] = "_ZN7zov_vek14OsalSemDestroyEPv";
+constexpr char kSemPost[] = "_ZN7zov_vek11OsalSemPostEPv";
+constexpr char kSemWait[] = "_ZN7zov_vek11OsalSemWaitEPv";
+constexpr char kSemTryWait[] = "_ZN7zov_vek14OsalSemTryWaitEPv";
+constexpr char kSemGetValue[] = "_ZN7zov_vek15OsalSemGetValueEPvPi";
+constexpr char kCondInit[] = "_ZN7zov_vek12OsalCondInitEPPv";
+constexpr char kCondDestroy[] = "_ZN7zov_vek15OsalCondDestroyEPv";
+constexpr char kCondWait[] = "_ZN7zov_vek12OsalCondWaitEPvS0_";
+constexpr char kCondSignal[] = "_ZN7zov_vek14OsalCondSignalEPv";
+constexpr char kCondBroadcast[] = "_ZN7zov_vek17OsalCondBroadcastEPv";
+constexpr char kAttrInit[] = "_ZN7zov_vek18OsalThreadAttrInitEPPv";
+constexpr char kAttrDestroy[] = "_ZN7zov_vek21OsalThreadAttrDestroyEPv";
+constexpr char kAttrGetStack[] = "_ZN7zov_vek22OsalThreadAttrGetStackEPvPS0_Pj";
+constexpr char kAttrSetStack[] = "_ZN7zov_vek22OsalThreadAttrSetStackEPvS0_j";
+constexpr char kAttrSetStackSize[] =
+    "_ZN7zov_vek26OsalThreadAttrSetStackSizeEPvj";
+constexpr char kAttrSetName[] = "_ZN7zov_vek21OsalThreadAttrSetNameEPvPKc";
+constexpr char kAttrGetName[] = "_ZN7zov_vek21OsalThreadAttrGetNameEPvPcj";
+constexpr char kThreadCreate[] =
+    "_ZN7zov_vek16OsalThreadCreateEPPvS0_PFvS0_ES0_";
+constexpr char kThreadJoin[] = "_ZN7zov_vek14OsalThreadJoinEPv";
+constexpr char kThreadExit[] = "_ZN7zov_vek14OsalThreadExitEv";
+constexpr char kThreadGetName[] = "_ZN7zov_vek17OsalThreadGetNameEPvPcj";
+constexpr char kStrlcpy[] = "_ZN7zov_vek11OsalStrlcpyEPcPKcm";
+constexpr char kGetLogger[] = "_ZN7zov_vek6Logger9GetLoggerEv";
+constexpr char kLoggerCtor[] = "_ZN7zov_vek6LoggerC1Ejj";
+constexpr char kHandleUpdate[] =
+    "_ZN7zov_vek21HandleLogConfigUpdateERSt4pairINS_"
+    "15LogConfigUpdateENS_20LogConfigTargetGroupEE";
+constexpr char kWorkerStart[] =
+    "_ZN7zov_vek16WorkerThreadBase5StartERPvS2_PKcjb";
+constexpr char kWorkerExit[] = "_ZN7zov_vek16WorkerThreadBase4ExitEv";
+
+// Every name that this library defines, which must be the name of our own
+// definition: a misspelt one would silently reach the real library.
+constexpr const char* kOwnSymbols[] = {
+    kMutexInit,        kMutexDestroy, kMutexLock,     kMutexUnlock,
+    kMutexTryLock,     kSemInit,      kSemDestroy,    kSemPost,
+    kSemWait,          kSemTryWait,   kSemGetValue,   kCondInit,
+    kCondDestroy,      kCondWait,     kCondSignal,    kCondBroadcast,
+    kAttrInit,         kAttrDestroy,  kAttrGetStack,  kAttrSetStack,
+    kAttrSetStackSize, kAttrSetName,  kAttrGetName,   kThreadCreate,
+    kThreadJoin,       kThreadExit,   kThreadGetName, kStrlcpy,
+    kGetLogger,        kHandleUpdate, kWorkerStart,   kWorkerExit,
+};
+
+__attribute__((constructor)) void CheckAtLoad() {
+  // An unknown fault name ends every process that loads us, the runner too.
+  static_cast<void>(vek_fault::Current());
+  Dl_info self = {};
+  if (dladdr(reinterpret_cast<void*>(&CheckAtLoad), &self) == 0) {
+    vek_fault::Die("cannot find this library", "");
+  }
+  for (const char* symbol : kOwnSymbols) {
+    void* found = dlsym(RTLD_DEFAULT, symbol);
+    Dl_info where = {};
+    if (found == nullptr || dladdr(found, &where) == 0 ||
+        strcmp(where.dli_fname, self.dli_fname) != 0) {
+      vek_fault::Die("not defined by this library: ", symbol);
+    }
+  }
+}
+
+// Crashes the way a port that trusts a null handle crashes.
+[[noreturn]] void UseNull(const void* handle) {
+  Injected();
+  const volatile char* bytes = static_cast<const volatile char*>(handle);
+  static_cast<void>(bytes[0]);
+  abort();  // not reached on any platform that maps nothing at 0
+}
+
+// The mutexes this thread holds and how often, for the recursive try-lock.
+thread_local std::unordered_map<void*, unsigned int> t_held;
+
+// A mutex of our own, for a wait that keeps the caller's mutex.
+void* PrivateMutex() {
+  VEK_REAL(init, VekError(*)(void**), kMutexInit);
+  static void* const mutex = [] {
+    void* made = nullptr;
+    if (init(&made) != VekError::kOk) {
+      vek_fault::Die("cannot make a private mutex", "");
+    }
+    return made;
+  }();
+  return mutex;
+}
+
+// True while WorkerThreadBase::Exit runs on this thread.
+thread_local bool t_in_worker_exit = false;
+
+bool SkippedByWorkerExit() {
+  if (!Active(Fault::kWorkerExitFlagOnly) || !t_in_worker_exit) return false;
+  Injected();
+  return true;
+}
+
+void* JoinLater(void* handle) {
+  VEK_REAL(join, VekError(*)(void*), kThreadJoin);
+  join(handle);
+  return nullptr;
+}
+
+// Hands a created thread the name of its creator before its function runs.
+struct Renamed {
+  void (*func)(void*);
+  void* arg;
+  char name[zov_vek::kOsalThreadNameLengthMax];
+  sem_t ready;
+};
+
+void RunRenamed(void* context) {
+  auto* renamed = static_cast<Renamed*>(context);
+  void (*const func)(void*) = renamed->func;
+  void* const arg = renamed->arg;
+  pthread_setname_np(pthread_self(), renamed->name);
+  // The creator frees `renamed` once it is posted.
+  sem_post(&renamed->ready);
+  func(arg);
+}
+
+// Runs a thread function a little late.
+struct LateStart {
+  void (*func)(void*);
+  void* arg;
+};
+
+void RunLate(void* context) {
+  auto* late = static_cast<LateStart*>(context);
+  void (*const func)(void*) = late->func;
+  void* const arg = late->arg;
+  delete late;
+  const struct timespec delay = {0, 20 * 1000 * 1000};
+  nanosleep(&delay, nullptr);
+  func(arg);
+}
+
+VekError CopyOwnName(char* buf, unsigned int len) {
+  char name[zov_vek::kOsalThreadNameLengthMax] = {};
+  if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) {
+    return VekError::kErr;
+  }
+  const size_t length = strlen(name);
+  if (len > zov_vek::kOsalThreadNameLengthMax || len <= length) {
+    return VekError::kErrOutOfRange;
+  }
+  memcpy(buf, name, length + 1);
+  return VekError::kOk;
+}
+
+}  // namespace
+
+namespace zov_vek {
+
+// --- Mutex ----------------------------------------------------------------
+
+VekError OsalMutexInit(void** mutex) {
+  VEK_REAL(real, VekError(*)(void**), kMutexInit);
+  if (mutex == nullptr && Active(Fault::kMutexInitNullCrash)) {
+    void* made = nullptr;
+    real(&made);
+    UseNull(mutex);
+  }
+  return real(mutex);
+}
+
+VekError OsalMutexDestroy(void* mutex) {
+  VEK_REAL(real, VekError(*)(void*), kMutexDestroy);
+  if (mutex == nullptr && Active(Fault::kMutexDestroyNullAccepted)) {
+    Injected();
+    return VekError::kOk;
+  }
+  if (Active(Fault::kMutexTryLockRecursive)) t_held.erase(mutex);
+  return real(mutex);
+}
+
+VekError OsalMutexLock(void* mutex) {
+  VEK_REAL(real, VekError(*)(void*), kMutexLock);
+  if (mutex != nullptr && Active(Fault::kMutexLockNoop)) {
+    Injected();
+    return VekError::kOk;
+  }
+  const VekError err = real(mutex);
+  if (err == VekError::kOk && Active(Fault::kMutexTryLockRecursive)) {
+    t_held[mutex] = 1;
+  }
+  return err;
+}
+
+VekError OsalMutexUnlock(void* mutex) {
+  VEK_REAL(real, VekError(*)(void*), kMutexUnlock);
+  if (mutex == nullptr && Active(Fault::kMutexUnlockNullCrash)) {
+    UseNull(mutex);
+  }
+  if (Active(Fault::kMutexTryLockRecursive)) {
+    const auto held = t_held.find(mutex);
+    if (held != t_held.end() && --held->second > 0) return VekError::kOk;
+    if (held != t_held.end()) t_held.erase(held);
+  }
+  const VekError err = real(mutex);
+  if (err == VekError::kOk && Active(Fault::kMutexUnlockReportsError)) {
+    Injected();
+    return VekError::kErr;
+  }
+  return err;
+}
+
+VekError OsalMutexTryLock(void* mutex) {
+  VEK_REAL(real, VekError(*)(void*), kMutexTryLock);
+  VEK_REAL(lock, VekError(*)(void*), kMutexLock);
+  if (Active(Fault::kMutexTryLockRecursive)) {
+    const auto held = t_held.find(mutex);
+    if (held != t_held.end()) {
+      Injected();
+      ++held->second;
+      return VekError::kOk;
+    }
+    const VekError err = real(mutex);
+    if (err == VekError::kOk) t_held[mutex] = 1;
+    return err;
+  }
+  const VekError err = real(mutex);
+  if (err != VekError::kOk && mutex != nullptr &&
+      Active(Fault::kMutexTryLockBlocks)) {
+    Injected();
+    return lock(mutex);
+  }
+  return err;
+}
+
+// --- Semaphore ------------------------------------------------------------
+
+VekError OsalSemInit(void** sem, unsigned int value) {
+  VEK_REAL(real, VekError(*)(void**, unsigned int), kSemInit);
+  if (sem == nullptr && Active(Fault::kSemInitNullCrash)) {
+    void* made = nullptr;
+    real(&made, value);
+    UseNull(sem);
+  }
+  if (value > kOsalSemaphoreMaxValue &&
+      Active(Fault::kSemInitAcceptsAboveMax)) {
+    Injected();
+    return real(sem, kOsalSemaphoreMaxValue);
+  }
+  return real(sem, value);
+}
+
+VekError OsalSemDestroy(void* sem) {
+  VEK_REAL(real, VekError(*)(void*), kSemDestroy);
+  if (sem == nullptr && Active(Fault::kSemDestroyNullAccepted)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(sem);
+}
+
+VekError OsalSemPost(void* sem) {
+  VEK_REAL(real, VekError(*)(void*), kSemPost);
+  const VekError err = real(sem);
+  if (err == VekError::kOk && Active(Fault::kSemPostTwice)) {
+    Injected();
+    return real(sem);
+  }
+  return err;
+}
+
+VekError OsalSemWait(void* sem) {
+  VEK_REAL(real, VekError(*)(void*), kSemWait);
+  VEK_REAL(post, VekError(*)(void*), kSemPost);
+  const VekError err = real(sem);
+  if (err == VekError::kOk && Active(Fault::kSemWaitKeepsCount)) {
+    Injected();
+    return post(sem);
+  }
+  return err;
+}
+
+VekError OsalSemTryWait(void* sem) {
+  VEK_REAL(real, VekError(*)(void*), kSemTryWait);
+  VEK_REAL(wait, VekError(*)(void*), kSemWait);
+  const VekError err = real(sem);
+  if (err == VekError::kOk || sem == nullptr) return err;
+  if (Active(Fault::kSemTryWaitSucceedsAtZero)) {
+    Injected();
+    return VekError::kOk;
+  }
+  if (Active(Fault::kSemTryWaitBlocks)) {
+    Injected();
+    return wait(sem);
+  }
+  return err;
+}
+
+VekError OsalSemGetValue(void* sem, int* value) {
+  VEK_REAL(real, VekError(*)(void*, int*), kSemGetValue);
+  if (sem != nullptr && value != nullptr &&
+      Active(Fault::kSemGetValueUnwritten)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(sem, value);
+}
+
+// --- Condition variable ---------------------------------------------------
+
+VekError OsalCondInit(void** cond) {
+  VEK_REAL(real, VekError(*)(void**), kCondInit);
+  if (cond == nullptr && Active(Fault::kCondInitNullCrash)) {
+    void* made = nullptr;
+    real(&made);
+    UseNull(cond);
+  }
+  return real(cond);
+}
+
+VekError OsalCondDestroy(void* cond) {
+  VEK_REAL(real, VekError(*)(void*), kCondDestroy);
+  if (cond == nullptr && Active(Fault::kCondDestroyNullAccepted)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(cond);
+}
+
+VekError OsalCondWait(void* cond, void* mutex) {
+  VEK_REAL(real, VekError(*)(void*, void*), kCondWait);
+  VEK_REAL(lock, VekError(*)(void*), kMutexLock);
+  VEK_REAL(unlock, VekError(*)(void*), kMutexUnlock);
+  if (cond != nullptr && mutex != nullptr &&
+      Active(Fault::kCondWaitKeepsMutex)) {
+    // Waits on a mutex of its own: the caller's stays locked throughout.
+    Injected();
+    void* const own = PrivateMutex();
+    lock(own);
+    const VekError err = real(cond, own);
+    unlock(own);
+    return err;
+  }
+  return real(cond, mutex);
+}
+
+VekError OsalCondSignal(void* cond) {
+  VEK_REAL(real, VekError(*)(void*), kCondSignal);
+  if (cond != nullptr && Active(Fault::kCondSignalWakesNone)) {
+    Injected();
+    return VekError::kOk;
+  }
+  if (cond != nullptr && SkippedByWorkerExit()) return VekError::kOk;
+  return real(cond);
+}
+
+VekError OsalCondBroadcast(void* cond) {
+  VEK_REAL(real, VekError(*)(void*), kCondBroadcast);
+  VEK_REAL(signal, VekError(*)(void*), kCondSignal);
+  if (cond != nullptr && Active(Fault::kCondBroadcastWakesOne)) {
+    Injected();
+    return signal(cond);
+  }
+  if (cond != nullptr && SkippedByWorkerExit()) return VekError::kOk;
+  return real(cond);
+}
+
+// --- Thread attributes ----------------------------------------------------
+
+VekError OsalThreadAttrInit(void** attr) {
+  VEK_REAL(real, VekError(*)(void**), kAttrInit);
+  if (attr == nullptr && Active(Fault::kAttrInitNullAccepted)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(attr);
+}
+
+VekError OsalThreadAttrDestroy(void* attr) {
+  VEK_REAL(real, VekError(*)(void*), kAttrDestroy);
+  VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  if (attr != nullptr && Active(Fault::kAttrDestroyFreesStack)) {
+    void* addr = nullptr;
+    unsigned int size = 0;
+    if (get_stack(attr, &addr, &size) == VekError::kOk && addr != nullptr) {
+      Injected();
+      free(addr);
+    }
+  }
+  return real(attr);
+}
+
+VekError OsalThreadAttrGetStack(void* attr, void** addr, unsigned int* size) {
+  VEK_REAL(real, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  if (attr != nullptr && addr != nullptr && size != nullptr &&
+      Active(Fault::kAttrGetStackUnwritten)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(attr, addr, size);
+}
+
+VekError OsalThreadAttrSetStack(void* attr, void* addr, unsigned int size) {
+  VEK_REAL(real, VekError(*)(void*, void*, unsigned int), kAttrSetStack);
+  VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
+  if (attr != nullptr && addr == nullptr && size != 0 &&
+      Active(Fault::kAttrSetStackAcceptsNullWithSize)) {
+    // Takes a null address as "allocate it yourself".
+    Injected();
+    return set_size(attr, size);
+  }
+  if (attr != nullptr && addr != nullptr && size < 16384 &&
+      Active(Fault::kAttrSetStackRefusesSmall)) {
+    Injected();
+    return VekError::kErrParam;
+  }
+  return real(attr, addr, size);
+}
+
+VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
+  VEK_REAL(real, VekError(*)(void*, unsigned int), kAttrSetStackSize);
+  if (attr != nullptr && size < 16384 &&
+      Active(Fault::kAttrSetStackSizeRefusesSmall)) {
+    Injected();
+    return VekError::kErrParam;
+  }
+  return real(attr, size);
+}
+
+VekError OsalThreadAttrSetName(void* attr, const char* name) {
+  VEK_REAL(real, VekError(*)(void*, const char*), kAttrSetName);
+  if (attr != nullptr && name != nullptr && name[0] == '\0' &&
+      Active(Fault::kAttrSetNameAcceptsEmpty)) {
+    Injected();
+    return VekError::kOk;
+  }
+  if (attr != nullptr && name != nullptr &&
+      strlen(name) >= kOsalThreadNameLengthMax - 1 &&
+      Active(Fault::kAttrSetNameCutsLastChar)) {
+    // Keeps one character less than fits, as a port that reserves a byte
+    // too many for the NUL does.
+    char cut[kOsalThreadNameLengthMax] = {};
+    memcpy(cut, name, kOsalThreadNameLengthMax - 2);
+    Injected();
+    return real(attr, cut);
+  }
+  return real(attr, name);
+}
+
+VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
+  VEK_REAL(real, VekError(*)(void*, char*, unsigned int), kAttrGetName);
+  if (attr != nullptr && buf != nullptr && len > kOsalThreadNameLengthMax) {
+    if (Active(Fault::kAttrGetNameClearsWholeBuffer)) {
+      // Trusts the caller's length and clears that much first.
+      Injected();
+      memset(buf, 0, len);
+    } else if (Active(Fault::kAttrGetNameAcceptsLongLength)) {
+      Injected();
+      return real(attr, buf, kOsalThreadNameLengthMax);
+    }
+  }
+  return real(attr, buf, len);
+}
+
+// --- Threads --------------------------------------------------------------
+
+VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
+                          void* arg) {
+  using Create = VekError (*)(void**, void*, void (*)(void*), void*);
+  VEK_REAL(real, Create, kThreadCreate);
+  VEK_REAL(attr_init, VekError(*)(void**), kAttrInit);
+  VEK_REAL(attr_destroy, VekError(*)(void*), kAttrDestroy);
+  VEK_REAL(set_name, VekError(*)(void*, const char*), kAttrSetName);
+  VEK_REAL(get_name, VekError(*)(void*, char*, unsigned int), kAttrGetName);
+  VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
+  VEK_REAL(set_stack, VekError(*)(void*, void*, unsigned int), kAttrSetStack);
+  VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+
+  if (attr == nullptr && thread != nullptr && func != nullptr &&
+      Active(Fault::kCreateNullAttrAccepted)) {
+    // Falls back to a default attribute.
+    void* fallback = nullptr;
+    if (attr_init(&fallback) != VekError::kOk) return VekError::kErr;
+    set_name(fallback, "vek_default");
+    set_size(fallback, 16384);
+    Injected();
+    const VekError err = real(thread, fallback, func, arg);
+    attr_destroy(fallback);
+    return err;
+  }
+
+  if (attr != nullptr && thread != nullptr && func != nullptr &&
+      Active(Fault::kJoinDoesNotWait)) {
+    auto* late = new LateStart{func, arg};
+    const VekError err = real(thread, attr, &RunLate, late);
+    // A refused creation runs nothing; a started thread frees it.
+    if (err != VekError::kOk) delete late;
+    return err;
+  }
+
+  if (attr != nullptr && thread != nullptr && func != nullptr &&
+      Active(Fault::kCreateNameNotApplied)) {
+    auto* renamed = new Renamed{func, arg, {}, {}};
+    pthread_getname_np(pthread_self(), renamed->name, sizeof(renamed->name));
+    sem_init(&renamed->ready, 0, 0);
+    const VekError err = real(thread, attr, &RunRenamed, renamed);
+    if (err == VekError::kOk) {
+      Injected();
+      while (sem_wait(&renamed->ready) != 0 && errno == EINTR) {
+      }
+    }
+    sem_destroy(&renamed->ready);
+    delete renamed;
+    return err;
+  }
+
+  const VekError err = real(thread, attr, func, arg);
+  if (err == VekError::kOk || attr == nullptr || thread == nullptr ||
+      func == nullptr) {
+    return err;
+  }
+  char name[kOsalThreadNameLengthMax] = {};
+  const bool named =
+      get_name(attr, name, sizeof(name)) == VekError::kOk && name[0] != '\0';
+  if (!named && Active(Fault::kCreateAcceptsUnnamed)) {
+    // Starts the thread anyway, under a name of its own choosing.
+    if (set_name(attr, "unnamed") != VekError::kOk) return err;
+    const VekError retried = real(thread, attr, func, arg);
+    if (retried == VekError::kOk) Injected();
+    return retried;
+  }
+  void* stack = nullptr;
+  unsigned int stack_size = 0;
+  if (named && Active(Fault::kCreateAcceptsClearedStack) &&
+      get_stack(attr, &stack, &stack_size) == VekError::kOk &&
+      stack == nullptr && stack_size == 0) {
+    // Starts the thread on a default stack, and leaves the attribute
+    // without one as it found it.
+    set_size(attr, 16384);
+    const VekError retried = real(thread, attr, func, arg);
+    set_stack(attr, nullptr, 0);
+    if (retried == VekError::kOk) Injected();
+    return retried;
+  }
+  return err;
+}
+
+VekError OsalThreadJoin(void* thread) {
+  VEK_REAL(real, VekError(*)(void*), kThreadJoin);
+  if (thread == nullptr && Active(Fault::kJoinNullCrash)) UseNull(thread);
+  if (thread != nullptr && Active(Fault::kJoinDoesNotWait)) {
+    // Somebody has to release the handle; the caller does not wait for it.
+    pthread_t joiner;
+    pthread_attr_t detached;
+    pthread_attr_init(&detached);
+    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+    const int rc = pthread_create(&joiner, &detached, &JoinLater, thread);
+    pthread_attr_destroy(&detached);
+    if (rc != 0) return real(thread);
+    Injected();
+    return VekError::kOk;
+  }
+  if (thread != nullptr && SkippedByWorkerExit()) return VekError::kOk;
+  return real(thread);
+}
+
+VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
+  VEK_REAL(real, VekError(*)(void*, char*, unsigned int), kThreadGetName);
+  if (thread != nullptr && buf != nullptr &&
+      Active(Fault::kThreadGetNameReadsCaller)) {
+    Injected();
+    return CopyOwnName(buf, len);
+  }
+  return real(thread, buf, len);
+}
+
+// --- Bounded string copy --------------------------------------------------
+
+size_t OsalStrlcpy(char* dst, const char* src, size_t size) {
+  VEK_REAL(real, size_t(*)(char*, const char*, size_t), kStrlcpy);
+  const size_t length = strlen(src);
+  if (Active(Fault::kStrlcpyReturnsCopied) && size > 0 && length >= size) {
+    Injected();
+    real(dst, src, size);
+    return size - 1;
+  }
+  if (Active(Fault::kStrlcpyUnterminated) && size > 0 && length >= size) {
+    // strncpy's habit: a source that does not fit leaves no NUL.
+    Injected();
+    memcpy(dst, src, size);
+    return length;
+  }
+  if (Active(Fault::kStrlcpyOffByOne) && size > 1 && length >= size - 1) {
+    Injected();
+    memcpy(dst, src, size - 2);
+    dst[size - 2] = '\0';
+    return length;
+  }
+  return real(dst, src, size);
+}
+
+// --- Logger ---------------------------------------------------------------
+
+Logger& Logger::GetLogger() {
+  VEK_REAL(real, Logger & (*)(), kGetLogger);
+  if (!Active(Fault::kGetLoggerNotSingleton)) return real();
+  // A new logger on every call, made by the library's own constructor with
+  // the masks that our port starts from.
+  VEK_REAL(construct, void (*)(Logger*, uint32_t, uint32_t), kLoggerCtor);
+  constexpr uint32_t kInitialMask = (1u << kWarning) | (1u << kError);
+  void* memory = ::operator new(sizeof(Logger));
+  construct(static_cast<Logger*>(memory), kInitialMask, kInitialMask);
+  Injected();
+  return *static_cast<Logger*>(memory);
+}
+
+VekError HandleLogConfigUpdate(
+    std::pair<LogConfigUpdate, LogConfigTargetGroup>& update) {
+  using Handle =
+      VekError (*)(std::pair<LogConfigUpdate, LogConfigTargetGroup>&);
+  VEK_REAL(real, Handle, kHandleUpdate);
+  if (Active(Fault::kLogConfigUpdateIgnored)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return real(update);
+}
+
+// --- Worker thread --------------------------------------------------------
+
+VekError WorkerThreadBase::Start(void*& mutex, void*& cond, const char* name,
+                                 unsigned int stack_size, bool flag) {
+  using StartFn = VekError (*)(WorkerThreadBase*, void*&, void*&, const char*,
+                               unsigned int, bool);
+  VEK_REAL(real, StartFn, kWorkerStart);
+  const VekError err = real(this, mutex, cond, name, stack_size, flag);
+  if (err == VekError::kErrBusy && Active(Fault::kWorkerStartTwiceAccepted)) {
+    Injected();
+    return VekError::kOk;
+  }
+  return err;
+}
+
+VekError WorkerThreadBase::Exit() {
+  VEK_REAL(real, VekError(*)(WorkerThreadBase*), kWorkerExit);
+  // With the fault, the library's Exit sets the request under the mutex but
+  // neither wakes nor joins the worker (see SkippedByWorkerExit).
+  const bool outer = !t_in_worker_exit;
+  t_in_worker_exit = true;
+  const VekError err = real(this);
+  if (outer) t_in_worker_exit = false;
+  return err;
+}
+
+}  // namespace zov_vek
+
+// Defined under OsalThreadExit's symbol but not as that function: its
+// declaration forbids returning, and one fault returns.
+namespace vek_fault {
+
+__attribute__((visibility("default"))) void ThreadExit() __asm__(
+    "_ZN7zov_vek14OsalThreadExitEv");
+
+void ThreadExit() {
+  VEK_REAL(real, void (*)(), kThreadExit);
+  if (Active(Fault::kExitReturns)) {
+    Injected();
+    return;
+  }
+  real();
+  abort();  // the real one does not return
+}
+
+}  // namespace vek_fault
