@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,7 +62,15 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
   std::vector<char*> envp;
   for (std::string& entry : env_strings) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
+  // On a cross build the test preset names the emulator that runs the
+  // build's programs (VEK_TEST_EMULATOR, an absolute path first); natively
+  // it is unset.
+  std::vector<std::string> args;
+  if (const char* emulator = std::getenv("VEK_TEST_EMULATOR")) {
+    std::istringstream words(emulator);
+    for (std::string word; words >> word;) args.push_back(word);
+  }
+  args.insert(args.end(), argv.begin(), argv.end());
   std::vector<char*> argp;
   for (std::string& arg : args) argp.push_back(arg.data());
   argp.push_back(nullptr);

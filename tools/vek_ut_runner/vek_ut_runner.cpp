@@ -30,6 +30,7 @@
 #include <functional>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -302,6 +303,19 @@ struct ChildHooks {
   std::function<int64_t()> silence_limit_s;
 };
 
+// The words that start the executable: on a cross build, the emulator that
+// its tests name in VEK_TEST_EMULATOR (an absolute path first), then the
+// executable; natively the executable alone.
+std::vector<std::string> CommandFor(const std::string& executable) {
+  std::vector<std::string> words;
+  if (const char* emulator = getenv("VEK_TEST_EMULATOR")) {
+    std::istringstream in(emulator);
+    for (std::string word; in >> word;) words.push_back(word);
+  }
+  words.push_back(executable);
+  return words;
+}
+
 ChildEnd RunChild(const std::string& executable,
                   const std::vector<std::string>& args,
                   const std::vector<std::string>& extra_env,
@@ -340,7 +354,7 @@ ChildEnd RunChild(const std::string& executable,
   for (std::string& entry : env_strings) envp.push_back(entry.data());
   envp.push_back(nullptr);
 
-  std::vector<std::string> arg_strings = {executable};
+  std::vector<std::string> arg_strings = CommandFor(executable);
   arg_strings.insert(arg_strings.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (std::string& arg : arg_strings) argv.push_back(arg.data());
@@ -355,7 +369,7 @@ ChildEnd RunChild(const std::string& executable,
     fcntl(records[1], F_SETFD, 0);
     // The runner ignores SIGPIPE; the executable gets the usual action.
     signal(SIGPIPE, SIG_DFL);
-    execve(executable.c_str(), argv.data(), envp.data());
+    execve(arg_strings[0].c_str(), argv.data(), envp.data());
     const int error = errno;
     dprintf(STDERR_FILENO, "vek_ut_runner: cannot start %s: %s\n",
             executable.c_str(), strerror(error));
@@ -730,10 +744,12 @@ int Main(int argc, char** argv) {
   const GtestFlags flags = ResolveFlags(options.passed_on);
   if (flags.list_tests || flags.help) {
     // Nothing runs: the executable answers for itself.
-    std::vector<char*> argv_child = {options.executable.data()};
+    std::vector<std::string> words = CommandFor(options.executable);
+    std::vector<char*> argv_child;
+    for (std::string& word : words) argv_child.push_back(word.data());
     for (std::string& arg : options.passed_on) argv_child.push_back(arg.data());
     argv_child.push_back(nullptr);
-    execv(options.executable.c_str(), argv_child.data());
+    execv(words[0].c_str(), argv_child.data());
     fprintf(stderr, "vek_ut_runner: cannot start %s: %s\n",
             options.executable.c_str(), strerror(errno));
     return kUsageError;
