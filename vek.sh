@@ -10,7 +10,8 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 # The presets that `test` builds and runs, in this order.
-TEST_PRESETS=(host clang aarch64)
+# soak reuses the host build for its long checks (valgrind, repeated runs).
+TEST_PRESETS=(host soak asan tsan fuzz clang aarch64)
 
 # Debian packages each preset needs to build and run its tests.
 packages_for() {
@@ -20,6 +21,9 @@ packages_for() {
     clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
         libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
+    soak) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev valgrind ;;
+    asan|tsan) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    fuzz) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
     *) echo "vek.sh: unknown preset $1" >&2; return 1 ;;
   esac
 }
