@@ -1,0 +1,13 @@
+# Create refuses a capacity below the size instead of treating it as a
+# reservation only.
+set(mutant_header utils/vek_object_pool.h)
+set(mutant_find_1 [=[
+    std::unique_ptr<ObjectPool> pool(new ObjectPool());
+]=])
+set(mutant_replace_1 [=[
+    if (capacity < size) return nullptr;
+    std::unique_ptr<ObjectPool> pool(new ObjectPool());
+]=])
+set(mutant_catchers
+  ObjectPoolAllocationTests/0.AllocationCapacityLessThanSize
+  ObjectPoolAllocationTests/0.AllocationCapacityZeroNonZeroSize)
