@@ -10,4 +10,10 @@ set(mutant_replace_1 [=[
 ]=])
 set(mutant_catchers
   ObjectPoolAllocationTests/0.AllocationCapacityLessThanSize
-  ObjectPoolAllocationTests/0.AllocationCapacityZeroNonZeroSize)
+  ObjectPoolAllocationTests/0.AllocationCapacityZeroNonZeroSize
+  ObjectPoolAllocationTests/1.AllocationCapacityLessThanSize
+  ObjectPoolAllocationTests/1.AllocationCapacityZeroNonZeroSize
+  ObjectPoolAllocationTests/2.AllocationCapacityLessThanSize
+  ObjectPoolAllocationTests/2.AllocationCapacityZeroNonZeroSize
+  ObjectPoolAllocationTests/3.AllocationCapacityLessThanSize
+  ObjectPoolAllocationTests/3.AllocationCapacityZeroNonZeroSize)
