@@ -26,7 +26,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <new>
 #include <string>
 #include <unordered_map>
