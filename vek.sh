@@ -10,7 +10,8 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 # The presets that `test` builds and runs, in this order.
-# soak reuses the host build for its long checks (valgrind, repeated runs).
+# soak builds the conformance executable once more, annotated for valgrind,
+# for its long checks (valgrind, repeated runs).
 TEST_PRESETS=(host soak asan tsan fuzz clang aarch64)
 
 # Debian packages each preset needs to build and run its tests.

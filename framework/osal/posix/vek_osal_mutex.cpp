@@ -1,65 +1,79 @@
-// Mutexes on pthread mutexes of the default (normal, non-recursive) type,
-// which keeps lock and unlock on the platform's fast path.
-#include <pthread.h>
-
+// Mutexes on the port's futex mutex (osal/posix/vek_futex_mutex.h).
 #include <new>
 
-#include "osal/posix/vek_posix_error.h"
+#include "osal/posix/vek_futex_mutex.h"
 #include "osal/vek_osal.h"
 
 namespace zov_vek {
 
+namespace posix {
+
+void FutexMutex::LockContended() {
+  // A short spin first: a holder that is running releases within a few
+  // hundred cycles, far less than a sleep and a wake-up cost. The spin only
+  // reads, so it does not fight the holder for the cache line.
+  for (int spin = 0; spin < 100; ++spin) {
+    uint32_t state = state_.load(std::memory_order_relaxed);
+    if (state == kFree) {
+      if (state_.compare_exchange_weak(state, kHeld, std::memory_order_acquire,
+                                       std::memory_order_relaxed)) {
+        return;
+      }
+    } else if (state == kContended) {
+      break;  // others sleep already: queue up behind them
+    }
+    CpuRelax();
+  }
+  // Whoever takes the mutex from here on leaves the word at 2, because it
+  // cannot know whether other sleepers remain; that costs one needless wake
+  // at worst, never a lost one.
+  while (state_.exchange(kContended, std::memory_order_acquire) != kFree) {
+    FutexWait(&state_, kContended);
+  }
+}
+
+}  // namespace posix
+
 namespace {
 
-pthread_mutex_t* AsMutex(void* handle) {
-  return static_cast<pthread_mutex_t*>(handle);
+posix::FutexMutex* AsMutex(void* handle) {
+  return static_cast<posix::FutexMutex*>(handle);
 }
 
 }  // namespace
 
 VekError OsalMutexInit(void** mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
-  auto* created = new (std::nothrow) pthread_mutex_t;
+  auto* created = new (std::nothrow) posix::FutexMutex;
   if (created == nullptr) return VekError::kErrNoResource;
-  const int rc = pthread_mutex_init(created, nullptr);
-  if (rc != 0) {
-    delete created;
-    return posix::FromErrno(rc);
-  }
   *mutex = created;
   return VekError::kOk;
 }
 
 VekError OsalMutexDestroy(void* mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
-  // A held mutex is refused (EBUSY) and stays usable rather than being
-  // freed under its owner. POSIX leaves destroying a held mutex undefined,
-  // so the holder is detected by a try-lock first, which fails for the
-  // owner too: the mutex is not recursive.
-  const int busy = pthread_mutex_trylock(AsMutex(mutex));
-  if (busy != 0) return posix::FromErrno(busy);
-  pthread_mutex_unlock(AsMutex(mutex));
-  const int rc = pthread_mutex_destroy(AsMutex(mutex));
-  if (rc != 0) return posix::FromErrno(rc);
+  // A held mutex is refused and stays usable rather than being freed under
+  // its owner.
+  if (AsMutex(mutex)->IsHeld()) return VekError::kErrBusy;
   delete AsMutex(mutex);
   return VekError::kOk;
 }
 
 VekError OsalMutexLock(void* mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
-  return posix::FromErrno(pthread_mutex_lock(AsMutex(mutex)));
+  AsMutex(mutex)->Lock();
+  return VekError::kOk;
 }
 
 VekError OsalMutexUnlock(void* mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
-  return posix::FromErrno(pthread_mutex_unlock(AsMutex(mutex)));
+  // Unlocking a free mutex is a caller's error; it stays free.
+  return AsMutex(mutex)->Unlock() ? VekError::kOk : VekError::kErrParam;
 }
 
 VekError OsalMutexTryLock(void* mutex) {
   if (mutex == nullptr) return VekError::kErrParam;
-  // A normal mutex answers EBUSY to its own holder as well, so the caller's
-  // hold survives untouched.
-  return posix::FromErrno(pthread_mutex_trylock(AsMutex(mutex)));
+  return AsMutex(mutex)->TryLock() ? VekError::kOk : VekError::kErrBusy;
 }
 
 }  // namespace zov_vek
