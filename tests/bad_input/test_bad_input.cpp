@@ -70,7 +70,11 @@ TEST(BadInputTest, Mutex) {
   EXPECT_EQ(VekError::kErrBusy, OsalMutexTryLock(mutex));
   EXPECT_EQ(VekError::kErrBusy, OsalMutexDestroy(mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexUnlock(mutex));
+  // Free: an unlock is refused and the mutex stays free, not "unlocked
+  // twice" into a state that lets two takers in.
+  EXPECT_EQ(VekError::kErrParam, OsalMutexUnlock(mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexTryLock(mutex));
+  EXPECT_EQ(VekError::kErrBusy, OsalMutexTryLock(mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexUnlock(mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexDestroy(mutex));
 }
@@ -137,32 +141,46 @@ TEST(BadInputTest, ConditionVariable) {
   EXPECT_EQ(VekError::kErrParam, OsalCondWait(cond, nullptr));
   EXPECT_EQ(VekError::kErrBusy, OsalMutexTryLock(mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexUnlock(mutex));
+  // A wait with a mutex nobody holds is refused at once; the mutex stays
+  // free.
+  EXPECT_EQ(VekError::kErrParam, OsalCondWait(cond, mutex));
+  EXPECT_EQ(VekError::kOk, OsalMutexTryLock(mutex));
+  EXPECT_EQ(VekError::kOk, OsalMutexUnlock(mutex));
 
-  // Both objects still work together.
+  // Both objects still work together, and the variable cannot be destroyed
+  // under the thread that waits on it.
   struct Shared {
     void* mutex;
     void* cond;
     bool ready = false;
+    VekError destroy_while_waited_on = VekError::kOk;
   } shared{mutex, cond};
   void* attr = nullptr;
   void* thread = nullptr;
   ASSERT_EQ(VekError::kOk, OsalThreadAttrInit(&attr));
   ASSERT_EQ(VekError::kOk, OsalThreadAttrSetName(attr, "bad_input"));
   ASSERT_EQ(VekError::kOk, OsalThreadAttrSetStackSize(attr, 65536));
+  // Held before the thread starts, so that the thread gets it only once
+  // this thread waits.
+  ASSERT_EQ(VekError::kOk, OsalMutexLock(mutex));
   ASSERT_EQ(VekError::kOk, OsalThreadCreate(
                                &thread, attr,
                                [](void* arg) {
                                  auto* s = static_cast<Shared*>(arg);
                                  OsalMutexLock(s->mutex);
+                                 // The main thread waits: it registered
+                                 // before it let go of the mutex.
+                                 s->destroy_while_waited_on =
+                                     OsalCondDestroy(s->cond);
                                  s->ready = true;
                                  OsalCondSignal(s->cond);
                                  OsalMutexUnlock(s->mutex);
                                },
                                &shared));
-  ASSERT_EQ(VekError::kOk, OsalMutexLock(mutex));
   while (!shared.ready) ASSERT_EQ(VekError::kOk, OsalCondWait(cond, mutex));
   EXPECT_EQ(VekError::kOk, OsalMutexUnlock(mutex));
   EXPECT_EQ(VekError::kOk, OsalThreadJoin(thread));
+  EXPECT_EQ(VekError::kErrBusy, shared.destroy_while_waited_on);
   EXPECT_EQ(VekError::kOk, OsalThreadAttrDestroy(attr));
   EXPECT_EQ(VekError::kOk, OsalCondDestroy(cond));
   EXPECT_EQ(VekError::kOk, OsalMutexDestroy(mutex));
