@@ -5,8 +5,9 @@
 // the moment the slot exists until the map is destroyed, so the pointers
 // that Insert and Find hand out stay valid across growth and removal; a
 // removed key's object is handed out again by a later insert into its slot,
-// with whatever its last user left in it. Lookups scan the occupied slots
-// circularly from head_, so the map is meant for small tables.
+// with whatever its last user left in it. Lookups are linear scans of the
+// slots (for 32-bit integer keys, sixteen keys to a compare), so the map is
+// meant for small tables.
 //
 // A full map doubles its slot count on the next insert; nothing else
 // allocates. There is no lock: callers serialise access.
@@ -19,8 +20,15 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 #include "logging/vek_log.h"
 #include "osal/vek_error.h"
@@ -163,20 +171,15 @@ class VectorMap {
   V* Find(const K& key) const { return FindWithIndex(key).second; }
 
   // The key's slot and value object; kInvalidIndex and null when the key
-  // is not in the map. The scan looks at no more occupied slots than the
-  // map holds.
+  // is not in the map: the first occupied slot holding the key in circular
+  // order from head_.
   std::pair<uint32_t, V*> FindWithIndex(const K& key) const {
-    if (size_ == 0) return {kInvalidIndex, nullptr};
-    uint32_t slot = head_;
-    uint32_t seen = 0;
-    do {
-      if (occupied_[slot]) {
-        if (keys_[slot] == key) return {slot, values_[slot]};
-        if (++seen == size_) break;
-      }
-      slot = Next(slot);
-    } while (slot != head_);
-    return {kInvalidIndex, nullptr};
+    if constexpr (kCompareKeysInBlocks) {
+      return FindByKeyBlocks(key);
+    } else {
+      if (size_ == 0) return {kInvalidIndex, nullptr};
+      return FindBySlotWalk(key);
+    }
   }
 
   // Key and value object of slot `index`, occupied or not. The caller
@@ -200,6 +203,138 @@ class VectorMap {
 
  private:
   VectorMap() : size_(0), capacity_(0), head_(0), next_free_(0) {}
+
+  // Whether lookups compare the keys sixteen at a time with vector
+  // instructions. Walking slot by slot, each slot costs an occupancy bit
+  // test, a key compare, a counter and the wrap, and the branch that ends
+  // the walk goes another way on nearly every lookup, so it is mostly
+  // mispredicted. Compared in blocks, a map of 16 is one block and no
+  // branch on where the key lies, and only a slot whose key matches has
+  // its occupancy bit read. Only for 32-bit integer keys: their == is a
+  // bitwise compare without side effects, so comparing more keys than the
+  // walk would, and in another order, changes nothing but the time.
+#if defined(__SSE2__) || (defined(__aarch64__) && defined(__ARM_NEON))
+  static constexpr bool kCompareKeysInBlocks =
+      std::is_integral<K>::value && sizeof(K) == sizeof(uint32_t);
+#else
+  static constexpr bool kCompareKeysInBlocks = false;
+#endif
+
+  // Walks the slots in circular order from head_ and stops after the last
+  // occupied one; so it looks at no more occupied slots than the map holds.
+  std::pair<uint32_t, V*> FindBySlotWalk(const K& key) const {
+    uint32_t slot = head_;
+    uint32_t seen = 0;
+    do {
+      if (occupied_[slot]) {
+        if (keys_[slot] == key) return {slot, values_[slot]};
+        if (++seen == size_) break;
+      }
+      slot = Next(slot);
+    } while (slot != head_);
+    return {kInvalidIndex, nullptr};
+  }
+
+  // The same answer as FindBySlotWalk, from a scan in the order of the
+  // slots rather than from head_: Insert refuses a key that is in the map,
+  // so at most one occupied slot holds any key, and the order in which the
+  // slots are looked at cannot change which one is found. Starting at slot
+  // 0 spares the loads and the arithmetic of head_ on the way to the first
+  // block. The first slot of the first block whose key matches is looked at
+  // here, inline: in a map of up to 16 slots that is the answer unless a
+  // free slot keeps a stale copy of the key. The rest of the scan is a
+  // call, so that the caller does not pay registers and branches for it.
+  // An empty map is tested for there too: a match in an occupied slot
+  // implies a map that is not empty.
+  std::pair<uint32_t, V*> FindByKeyBlocks(const K& key) const {
+    const uint32_t wanted = static_cast<uint32_t>(key);
+    if (capacity_ < kKeyBlock) return FindByKeyBlocksFrom(0, 0, wanted);
+    const uint32_t matches = KeyBlockMatches(keys_.data(), wanted);
+    if (matches != 0) {
+      const auto candidate = static_cast<uint32_t>(__builtin_ctz(matches));
+      if (occupied_[candidate]) return {candidate, values_[candidate]};
+    }
+    return FindByKeyBlocksFrom(kKeyBlock, matches & (matches - 1), wanted);
+  }
+
+  // The rest of a scan: the slots of the first block that `pending` names,
+  // then the slots from `slot` to the end.
+  __attribute__((noinline)) std::pair<uint32_t, V*> FindByKeyBlocksFrom(
+      uint32_t slot, uint32_t pending, uint32_t wanted) const {
+    if (size_ == 0) return {kInvalidIndex, nullptr};
+    uint32_t found = FirstOccupied(0, pending);
+    if (found == kInvalidIndex) found = FindInRange(slot, capacity_, wanted);
+    if (found == kInvalidIndex) return {kInvalidIndex, nullptr};
+    return {found, values_[found]};
+  }
+
+  // The first occupied slot of [begin, end) whose key is `wanted`, or
+  // kInvalidIndex.
+  uint32_t FindInRange(uint32_t begin, uint32_t end, uint32_t wanted) const {
+    const K* const keys = keys_.data();
+    uint32_t slot = begin;
+    for (; slot < end && end - slot >= kKeyBlock; slot += kKeyBlock) {
+      const uint32_t found =
+          FirstOccupied(slot, KeyBlockMatches(keys + slot, wanted));
+      if (found != kInvalidIndex) return found;
+    }
+    for (; slot < end; ++slot) {
+      if (static_cast<uint32_t>(keys[slot]) == wanted && occupied_[slot]) {
+        return slot;
+      }
+    }
+    return kInvalidIndex;
+  }
+
+  // The first occupied slot among those that bit i of `matches` names as
+  // `block` + i, or kInvalidIndex.
+  uint32_t FirstOccupied(uint32_t block, uint32_t matches) const {
+    for (; matches != 0; matches &= matches - 1) {
+      const uint32_t slot =
+          block + static_cast<uint32_t>(__builtin_ctz(matches));
+      if (occupied_[slot]) return slot;
+    }
+    return kInvalidIndex;
+  }
+
+  static constexpr uint32_t kKeyBlock = 16;
+
+  // Bit i set when keys[i] equals `wanted`, for the kKeyBlock keys from
+  // `keys` (which need no particular alignment).
+  static uint32_t KeyBlockMatches(const K* keys, uint32_t wanted) {
+#if defined(__SSE2__)
+    const __m128i key = _mm_set1_epi32(static_cast<int>(wanted));
+    const auto equal = [&](int block) {
+      return _mm_cmpeq_epi32(
+          _mm_loadu_si128(reinterpret_cast<const __m128i*>(keys) + block), key);
+    };
+    // Each equal lane is all ones; saturating packs keep it so down to one
+    // byte a key, whose top bits movemask collects.
+    const __m128i low = _mm_packs_epi32(equal(0), equal(1));
+    const __m128i high = _mm_packs_epi32(equal(2), equal(3));
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+    const uint32x4_t key = vdupq_n_u32(wanted);
+    const auto equal = [&](int block) {
+      return vmovn_u32(vceqq_u32(
+          vld1q_u32(reinterpret_cast<const uint32_t*>(keys) + 4 * block), key));
+    };
+    const uint8x16_t bytes =
+        vcombine_u8(vmovn_u16(vcombine_u16(equal(0), equal(1))),
+                    vmovn_u16(vcombine_u16(equal(2), equal(3))));
+    // One bit a key: weigh each byte by its place in its half and add the
+    // halves' bytes up.
+    static const uint8_t kWeights[16] = {1, 2, 4, 8, 16, 32, 64, 128,
+                                         1, 2, 4, 8, 16, 32, 64, 128};
+    const uint8x16_t weighed = vandq_u8(bytes, vld1q_u8(kWeights));
+    return static_cast<uint32_t>(vaddv_u8(vget_low_u8(weighed))) |
+           (static_cast<uint32_t>(vaddv_u8(vget_high_u8(weighed))) << 8);
+#else
+    (void)keys;
+    (void)wanted;
+    return 0;
+#endif
+  }
 
   uint32_t Next(uint32_t slot) const {
     const uint32_t next = slot + 1;
