@@ -123,9 +123,18 @@ class Queue {
  private:
   // The successor of a slot index. A compare instead of a modulo: this is
   // on every operation and the slot count is not a power of two in general.
+  // The wrap is a branch, taken once a lap and so well predicted; the empty
+  // volatile statement keeps the compiler from turning it into a
+  // conditional move, which would put the compare and the move on the
+  // chain from one operation's store of the index to the next one's load
+  // of it.
   int32_t Advance(int32_t index) const {
     const uint32_t next = static_cast<uint32_t>(index) + 1;
-    return next == queue_size_ ? 0 : static_cast<int32_t>(next);
+    if (next == queue_size_) {
+      __asm__ volatile("");
+      return 0;
+    }
+    return static_cast<int32_t>(next);
   }
 
   // The buffer position of an index that has been advanced at least once
