@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstring>
+#include <thread>
 
 #include "osal/vek_error.h"
 #include "osal/vek_osal.h"
@@ -90,6 +92,56 @@ TEST(OsalSemaphoreBoundTest, PostAtTheMaximumIsRefusedAndChangesNothing) {
   EXPECT_EQ(OsalSemPost(sem), VekError::kOk);
   EXPECT_EQ(ValueOf(sem), static_cast<int>(kOsalSemaphoreMaxValue));
   EXPECT_EQ(OsalSemDestroy(sem), VekError::kOk);
+}
+
+struct Sleepers {
+  void* sem = nullptr;
+  std::atomic<int> about_to_wait{0};
+  std::atomic<int> woken{0};
+};
+
+void WaitOnce(void* arg) {
+  auto* sleepers = static_cast<Sleepers*>(arg);
+  sleepers->about_to_wait.fetch_add(1);
+  EXPECT_EQ(OsalSemWait(sleepers->sem), VekError::kOk);
+  sleepers->woken.fetch_add(1);
+}
+
+// Threads asleep on a semaphore are bookkeeping, not tokens: the count
+// stays 0 and nothing can be taken, yet every post is accepted (a count
+// that took the sleepers for tokens would refuse them as above the
+// maximum, and the sleepers would never wake), wakes exactly one sleeper,
+// and the semaphore cannot be destroyed under them.
+TEST(OsalSemaphoreBoundTest, SleepersAreNotTokens) {
+  constexpr int kThreads = 8;
+  Sleepers sleepers;
+  ASSERT_EQ(OsalSemInit(&sleepers.sem, 0), VekError::kOk);
+  void* attr = nullptr;
+  ASSERT_EQ(OsalThreadAttrInit(&attr), VekError::kOk);
+  ASSERT_EQ(OsalThreadAttrSetName(attr, "sleeper"), VekError::kOk);
+  ASSERT_EQ(OsalThreadAttrSetStackSize(attr, 65536), VekError::kOk);
+  void* threads[kThreads] = {};
+  for (void*& thread : threads) {
+    ASSERT_EQ(OsalThreadCreate(&thread, attr, WaitOnce, &sleepers),
+              VekError::kOk);
+  }
+  while (sleepers.about_to_wait.load() != kThreads) std::this_thread::yield();
+  // From the counter to the sleep is a few instructions; this is ample,
+  // also under an emulator.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+
+  EXPECT_EQ(ValueOf(sleepers.sem), 0);
+  EXPECT_EQ(OsalSemTryWait(sleepers.sem), VekError::kErrBusy);
+  EXPECT_EQ(OsalSemDestroy(sleepers.sem), VekError::kErrBusy);
+  for (int posted = 1; posted <= kThreads; ++posted) {
+    ASSERT_EQ(OsalSemPost(sleepers.sem), VekError::kOk) << "post " << posted;
+    while (sleepers.woken.load() != posted) std::this_thread::yield();
+  }
+  for (void* thread : threads) EXPECT_EQ(OsalThreadJoin(thread), VekError::kOk);
+  EXPECT_EQ(sleepers.woken.load(), kThreads);
+  EXPECT_EQ(ValueOf(sleepers.sem), 0);
+  EXPECT_EQ(OsalThreadAttrDestroy(attr), VekError::kOk);
+  EXPECT_EQ(OsalSemDestroy(sleepers.sem), VekError::kOk);
 }
 
 struct Posters {
