@@ -51,9 +51,8 @@ class Semaphore {
     uint32_t word = word_.load(std::memory_order_relaxed);
     do {
       if (Count(word) >= kOsalSemaphoreMaxValue) return false;
-    } while (!word_.compare_exchange_weak(word, word + 1,
-                                          std::memory_order_release,
-                                          std::memory_order_relaxed));
+    } while (!word_.compare_exchange_weak(
+        word, word + 1, std::memory_order_release, std::memory_order_relaxed));
     // Every compare-and-swap on the word reads the latest value: a waiter
     // registered before this post is in `word`, one that registers after
     // it finds the count above 0 and takes instead of sleeping.
