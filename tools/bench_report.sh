@@ -8,12 +8,17 @@
 #
 # Usage: tools/bench_report.sh [-b BUILD_DIR] [-r REPETITIONS]
 #                              [-t MIN_TIME] [-f FILTER] [-c CONFORMANCE_RUNS]
+#                              [-e EMULATOR]
 #   -b  build tree holding bin/vek_bench (default build/host)
-#   -r  repetitions per benchmark, of which the median counts (default 9)
+#   -r  repetitions per benchmark, of which the median counts (default 9);
+#       0 runs no benchmark, for timing the conformance run alone
 #   -t  minimum time of one repetition in seconds (default 0.2)
 #   -f  regular expression selecting benchmarks (default: all)
 #   -c  also time that many runs of bin/vek_ut_osal_common and print the
-#       median wall time (default 0: don't)
+#       median wall time against its goal (default 0: don't)
+#   -e  run the conformance executable through this command, for a build
+#       of another architecture (for example "qemu-aarch64 -L
+#       /usr/aarch64-linux-gnu"); the goal is then 10 s instead of 1 s
 #
 # Needs only a POSIX shell, awk and the coreutils of a fresh Debian.
 set -eu
@@ -23,167 +28,172 @@ reps=9
 min_time=0.2
 filter=
 conformance_runs=0
-while getopts b:r:t:f:c:h opt; do
+emulator=
+while getopts b:r:t:f:c:e:h opt; do
   case $opt in
     b) build=$OPTARG ;;
     r) reps=$OPTARG ;;
     t) min_time=$OPTARG ;;
     f) filter=$OPTARG ;;
     c) conformance_runs=$OPTARG ;;
-    *) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
+    e) emulator=$OPTARG ;;
+    *) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
   esac
 done
-
-bench=$build/bin/vek_bench
-if [ ! -x "$bench" ]; then
-  echo "bench_report.sh: $bench not found; build it first" \
-    "(cmake --build --preset host)" >&2
-  exit 1
-fi
-
-csv=$(mktemp)
-trap 'rm -f "$csv"' EXIT INT TERM
 
 load() { cut -d' ' -f1-3 /proc/loadavg 2>/dev/null || echo unknown; }
 
 model=$(lscpu 2>/dev/null | awk -F: '/^Model name/ { sub(/^[ \t]+/, "", $2); print $2; exit }')
 echo "Machine: ${model:-unknown CPU}, $(nproc) cores; $(uname -sr)"
 echo "Date:    $(date -u '+%Y-%m-%d %H:%M UTC')"
-echo "Run:     $reps repetitions x ${min_time}s, random interleaving, median"
 load_before=$(load)
 
-set -- --benchmark_repetitions="$reps" \
-  --benchmark_report_aggregates_only=true \
-  --benchmark_enable_random_interleaving=true \
-  --benchmark_min_time="$min_time" \
-  --benchmark_format=csv
-[ -n "$filter" ] && set -- "$@" --benchmark_filter="$filter"
-"$bench" "$@" >"$csv" 2>/dev/null
-# The table follows the order in which the benchmarks are registered; the
-# run order is random.
-order=$("$bench" --benchmark_list_tests=true ${filter:+--benchmark_filter="$filter"} |
-  cut -d/ -f1-2 | tr '\n' ' ')
+if [ "$reps" -gt 0 ]; then
+  bench=$build/bin/vek_bench
+  if [ ! -x "$bench" ]; then
+    echo "bench_report.sh: $bench not found; build it first" \
+      "(cmake --build --preset host)" >&2
+    exit 1
+  fi
 
-echo "Load:    $load_before before, $(load) after (1, 5, 15 min averages)"
-echo
+  csv=$(mktemp)
+  trap 'rm -f "$csv"' EXIT INT TERM
 
-# Rows are "<operation>/<implementation>[/real_time]_<aggregate>"; "vek" is
-# ours. Threaded and blocking rows are timed in wall-clock time (they say
-# real_time), the others in CPU time, which preemption by other processes
-# does not inflate. A reference's label "goal=R" is the largest ratio
-# ours/reference that meets the goal; our row's label "max_ns=N" an
-# absolute bound on our time.
-awk -F, -v order="$order" '
-function ns(value, unit) {
-  if (unit == "us") return value * 1e3
-  if (unit == "ms") return value * 1e6
-  if (unit == "s") return value * 1e9
-  return value
-}
-function fmt(t) {
-  if (t >= 1e6) return sprintf("%.2f ms", t / 1e6)
-  if (t >= 1e4) return sprintf("%.1f us", t / 1e3)
-  if (t >= 100) return sprintf("%.0f ns", t)
-  if (t >= 10) return sprintf("%.1f ns", t)
-  return sprintf("%.2f ns", t)
-}
-function fmt_allocs(a) {
-  if (a == "") return "-"
-  return sprintf("%.3g", a)
-}
-{ gsub(/"/, "") }
-NR == 1 {
-  for (i = 1; i <= NF; i++) col[$i] = i
-  next
-}
-$1 !~ /_median$/ { next }
-{
-  name = $1
-  sub(/_median$/, "", name)
-  n = split(name, part, "/")
-  op = part[1]
-  impl = part[2]
-  wall = (name ~ /\/real_time$/)
-  t = ns(wall ? $col["real_time"] : $col["cpu_time"], $col["time_unit"])
-  if (!(op in seen)) { seen[op] = 1; ops[++nops] = op }
-  if (impl == "vek") {
-    ours[op] = t
-    ours_label[op] = $col["label"]
-    if ("allocs" in col) ours_allocs[op] = $col["allocs"]
-  } else {
-    k = ++nrefs[op]
-    ref_impl[op, k] = impl
-    ref_time[op, k] = t
-    ref_label[op, k] = $col["label"]
-    if ("allocs" in col) ref_allocs[op, k] = $col["allocs"]
-    rank[op, k] = 1e9
+  echo "Run:     $reps repetitions x ${min_time}s, random interleaving, median"
+
+  set -- --benchmark_repetitions="$reps" \
+    --benchmark_report_aggregates_only=true \
+    --benchmark_enable_random_interleaving=true \
+    --benchmark_min_time="$min_time" \
+    --benchmark_format=csv
+  [ -n "$filter" ] && set -- "$@" --benchmark_filter="$filter"
+  "$bench" "$@" >"$csv" 2>/dev/null
+  # The table follows the order in which the benchmarks are registered; the
+  # run order is random.
+  order=$("$bench" --benchmark_list_tests=true ${filter:+--benchmark_filter="$filter"} |
+    cut -d/ -f1-2 | tr '\n' ' ')
+
+  echo "Load:    $load_before before, $(load) after (1, 5, 15 min averages)"
+  echo
+
+  # Rows are "<operation>/<implementation>[/real_time]_<aggregate>"; "vek" is
+  # ours. Threaded and blocking rows are timed in wall-clock time (they say
+  # real_time), the others in CPU time, which preemption by other processes
+  # does not inflate. A reference's label "goal=R" is the largest ratio
+  # ours/reference that meets the goal; our row's label "max_ns=N" an
+  # absolute bound on our time.
+  awk -F, -v order="$order" '
+  function ns(value, unit) {
+    if (unit == "us") return value * 1e3
+    if (unit == "ms") return value * 1e6
+    if (unit == "s") return value * 1e9
+    return value
   }
-  if (wall) clock[op] = "wall"
-  else if (!(op in clock)) clock[op] = "cpu"
-}
-END {
-  # Registration order: of the operations, and of the references within
-  # each; anything the listing missed goes last.
-  n = split(order, listed, " ")
-  nsorted = 0
-  for (i = 1; i <= n; i++) {
-    split(listed[i], part, "/")
-    if ((part[1] in seen) && !(part[1] in placed)) {
-      sorted[++nsorted] = part[1]; placed[part[1]] = 1
+  function fmt(t) {
+    if (t >= 1e6) return sprintf("%.2f ms", t / 1e6)
+    if (t >= 1e4) return sprintf("%.1f us", t / 1e3)
+    if (t >= 100) return sprintf("%.0f ns", t)
+    if (t >= 10) return sprintf("%.1f ns", t)
+    return sprintf("%.2f ns", t)
+  }
+  function fmt_allocs(a) {
+    if (a == "") return "-"
+    return sprintf("%.3g", a)
+  }
+  { gsub(/"/, "") }
+  NR == 1 {
+    for (i = 1; i <= NF; i++) col[$i] = i
+    next
+  }
+  $1 !~ /_median$/ { next }
+  {
+    name = $1
+    sub(/_median$/, "", name)
+    n = split(name, part, "/")
+    op = part[1]
+    impl = part[2]
+    wall = (name ~ /\/real_time$/)
+    t = ns(wall ? $col["real_time"] : $col["cpu_time"], $col["time_unit"])
+    if (!(op in seen)) { seen[op] = 1; ops[++nops] = op }
+    if (impl == "vek") {
+      ours[op] = t
+      ours_label[op] = $col["label"]
+      if ("allocs" in col) ours_allocs[op] = $col["allocs"]
+    } else {
+      k = ++nrefs[op]
+      ref_impl[op, k] = impl
+      ref_time[op, k] = t
+      ref_label[op, k] = $col["label"]
+      if ("allocs" in col) ref_allocs[op, k] = $col["allocs"]
+      rank[op, k] = 1e9
     }
-    for (k = 1; k <= nrefs[part[1]]; k++)
-      if (ref_impl[part[1], k] == part[2]) rank[part[1], k] = i
+    if (wall) clock[op] = "wall"
+    else if (!(op in clock)) clock[op] = "cpu"
   }
-  for (i = 1; i <= nops; i++)
-    if (!(ops[i] in placed)) sorted[++nsorted] = ops[i]
-  for (i = 1; i <= nops; i++) {
-    op = ops[i]
-    for (a = 2; a <= nrefs[op]; a++)
-      for (b = a; b > 1 && rank[op, b] < rank[op, b - 1]; b--) {
-        tmp = ref_impl[op, b]; ref_impl[op, b] = ref_impl[op, b - 1]; ref_impl[op, b - 1] = tmp
-        tmp = ref_time[op, b]; ref_time[op, b] = ref_time[op, b - 1]; ref_time[op, b - 1] = tmp
-        tmp = ref_label[op, b]; ref_label[op, b] = ref_label[op, b - 1]; ref_label[op, b - 1] = tmp
-        tmp = ref_allocs[op, b]; ref_allocs[op, b] = ref_allocs[op, b - 1]; ref_allocs[op, b - 1] = tmp
-        tmp = rank[op, b]; rank[op, b] = rank[op, b - 1]; rank[op, b - 1] = tmp
+  END {
+    # Registration order: of the operations, and of the references within
+    # each; anything the listing missed goes last.
+    n = split(order, listed, " ")
+    nsorted = 0
+    for (i = 1; i <= n; i++) {
+      split(listed[i], part, "/")
+      if ((part[1] in seen) && !(part[1] in placed)) {
+        sorted[++nsorted] = part[1]; placed[part[1]] = 1
       }
-  }
-  printf "%-40s %-10s %-26s %-10s %6s  %-7s %-6s %s\n", \
-    "operation (clock)", "ours", "reference", "theirs", "ratio", "goal", \
-    "", "allocs/op ours, theirs"
-  met = 0; missed = 0
-  for (i = 1; i <= nsorted; i++) {
-    op = sorted[i]
-    if (!(op in ours)) continue
-    label = op " (" clock[op] ")"
-    if (nrefs[op] == 0) {
-      printf "%-40s %-10s\n", label, fmt(ours[op])
+      for (k = 1; k <= nrefs[part[1]]; k++)
+        if (ref_impl[part[1], k] == part[2]) rank[part[1], k] = i
     }
-    for (k = 1; k <= nrefs[op]; k++) {
-      ratio = ours[op] / ref_time[op, k]
-      goal = ""; verdict = ""
-      if (ref_label[op, k] ~ /^goal=/) {
-        goal = substr(ref_label[op, k], 6)
-        if (ratio <= goal + 0) { verdict = "met"; met++ }
-        else { verdict = "MISSED"; missed++ }
-        goal = "<=" goal
+    for (i = 1; i <= nops; i++)
+      if (!(ops[i] in placed)) sorted[++nsorted] = ops[i]
+    for (i = 1; i <= nops; i++) {
+      op = ops[i]
+      for (a = 2; a <= nrefs[op]; a++)
+        for (b = a; b > 1 && rank[op, b] < rank[op, b - 1]; b--) {
+          tmp = ref_impl[op, b]; ref_impl[op, b] = ref_impl[op, b - 1]; ref_impl[op, b - 1] = tmp
+          tmp = ref_time[op, b]; ref_time[op, b] = ref_time[op, b - 1]; ref_time[op, b - 1] = tmp
+          tmp = ref_label[op, b]; ref_label[op, b] = ref_label[op, b - 1]; ref_label[op, b - 1] = tmp
+          tmp = ref_allocs[op, b]; ref_allocs[op, b] = ref_allocs[op, b - 1]; ref_allocs[op, b - 1] = tmp
+          tmp = rank[op, b]; rank[op, b] = rank[op, b - 1]; rank[op, b - 1] = tmp
+        }
+    }
+    printf "%-40s %-10s %-26s %-10s %6s  %-7s %-6s %s\n", \
+      "operation (clock)", "ours", "reference", "theirs", "ratio", "goal", \
+      "", "allocs/op ours, theirs"
+    met = 0; missed = 0
+    for (i = 1; i <= nsorted; i++) {
+      op = sorted[i]
+      if (!(op in ours)) continue
+      label = op " (" clock[op] ")"
+      if (nrefs[op] == 0) {
+        printf "%-40s %-10s\n", label, fmt(ours[op])
       }
-      allocs = ""
-      if ((op in ours_allocs) && ours_allocs[op] != "")
-        allocs = fmt_allocs(ours_allocs[op]) ", " fmt_allocs(ref_allocs[op, k])
-      printf "%-40s %-10s %-26s %-10s %6.2f  %-7s %-6s %s\n", \
-        (k == 1 ? label : ""), (k == 1 ? fmt(ours[op]) : ""), \
-        ref_impl[op, k], fmt(ref_time[op, k]), ratio, goal, verdict, allocs
+      for (k = 1; k <= nrefs[op]; k++) {
+        ratio = ours[op] / ref_time[op, k]
+        goal = ""; verdict = ""
+        if (ref_label[op, k] ~ /^goal=/) {
+          goal = substr(ref_label[op, k], 6)
+          if (ratio <= goal + 0) { verdict = "met"; met++ }
+          else { verdict = "MISSED"; missed++ }
+          goal = "<=" goal
+        }
+        allocs = ""
+        if ((op in ours_allocs) && ours_allocs[op] != "")
+          allocs = fmt_allocs(ours_allocs[op]) ", " fmt_allocs(ref_allocs[op, k])
+        printf "%-40s %-10s %-26s %-10s %6.2f  %-7s %-6s %s\n", \
+          (k == 1 ? label : ""), (k == 1 ? fmt(ours[op]) : ""), \
+          ref_impl[op, k], fmt(ref_time[op, k]), ratio, goal, verdict, allocs
+      }
+      if (ours_label[op] ~ /^max_ns=/) {
+        bound = substr(ours_label[op], 8)
+        verdict = ours[op] <= bound + 0 ? "met" : "MISSED"
+        if (verdict == "met") met++; else missed++
+        printf "%-40s %-10s %-26s %-10s %6s  %-7s %s\n", "", "", \
+          "(absolute bound)", "", "", "<=" bound "ns", verdict
+      }
     }
-    if (ours_label[op] ~ /^max_ns=/) {
-      bound = substr(ours_label[op], 8)
-      verdict = ours[op] <= bound + 0 ? "met" : "MISSED"
-      if (verdict == "met") met++; else missed++
-      printf "%-40s %-10s %-26s %-10s %6s  %-7s %s\n", "", "", \
-        "(absolute bound)", "", "", "<=" bound "ns", verdict
-    }
-  }
-  printf "\nGoals: %d met, %d missed\n", met, missed
-}' "$csv"
+    printf "\nGoals: %d met, %d missed\n", met, missed
+  }' "$csv"
+fi
 
 if [ "$conformance_runs" -gt 0 ]; then
   exe=$build/bin/vek_ut_osal_common
@@ -199,18 +209,27 @@ if [ "$conformance_runs" -gt 0 ]; then
   status=0
   while [ "$i" -lt "$conformance_runs" ]; do
     start=$(date +%s%N)
-    "$exe" >/dev/null 2>&1 || status=$?
+    # shellcheck disable=SC2086 # the emulator is a command with arguments
+    $emulator "$exe" >/dev/null 2>&1 || status=$?
     end=$(date +%s%N)
     times="$times $(( (end - start) / 1000 ))"
     i=$((i + 1))
   done
   echo
-  echo "$times" | tr ' ' '\n' | sed '/^$/d' | sort -n | awk -v status="$status" '
+  goal_ms=1000
+  how="natively"
+  if [ -n "$emulator" ]; then
+    goal_ms=10000
+    how="under ${emulator%% *}"
+  fi
+  echo "$times" | tr ' ' '\n' | sed '/^$/d' | sort -n |
+    awk -v status="$status" -v goal="$goal_ms" -v how="$how" '
     { t[NR] = $1 }
     END {
       m = (NR % 2) ? t[(NR + 1) / 2] : (t[NR / 2] + t[NR / 2 + 1]) / 2
-      printf "Conformance run (%s): median %.0f ms of %d runs (min %.0f, max %.0f)%s\n", \
-        "vek_ut_osal_common", m / 1000, NR, t[1] / 1000, t[NR] / 1000, \
+      printf "Conformance run (%s, %s): median %.0f ms of %d runs (min %.0f, max %.0f); goal < %d s %s%s\n", \
+        "vek_ut_osal_common", how, m / 1000, NR, t[1] / 1000, t[NR] / 1000, \
+        goal / 1000, m / 1000 < goal ? "met" : "MISSED", \
         status == 0 ? "" : ", SOME RUNS FAILED (exit " status ")"
     }'
 fi
