@@ -3,6 +3,13 @@
 // Rows are named "<operation>/<implementation>": "vek" is ours, every other
 // implementation is a reference, and a reference whose label reads
 // "goal=<ratio>" carries the ratio ours must not exceed.
+//
+// The raw references' objects live on the heap, as every OSAL object does
+// and as a component's members do. Placement alone moves an operation of
+// 1.4 ns by up to a third either way: glibc's sem_trywait on a stack
+// semaphore took 1.41 ns every time here, on a heap one 1.43 to 2.0 ns
+// from one allocation to the next. With both sides on the heap, they draw
+// from the same spread.
 #include <benchmark/benchmark.h>
 #include <limits.h>
 #include <malloc.h>
@@ -12,6 +19,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -52,7 +60,8 @@ void MutexLockUnlockVek(benchmark::State& state) {
 BENCHMARK(MutexLockUnlockVek)->Name("mutex_lock_unlock/vek");
 
 void MutexLockUnlockPthread(benchmark::State& state) {
-  pthread_mutex_t mutex;
+  auto owned_mutex = std::make_unique<pthread_mutex_t>();
+  pthread_mutex_t& mutex = *owned_mutex;
   pthread_mutex_init(&mutex, nullptr);
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
@@ -78,7 +87,8 @@ void MutexTryLockHeldVek(benchmark::State& state) {
 BENCHMARK(MutexTryLockHeldVek)->Name("mutex_trylock_held/vek");
 
 void MutexTryLockHeldPthread(benchmark::State& state) {
-  pthread_mutex_t mutex;
+  auto owned_mutex = std::make_unique<pthread_mutex_t>();
+  pthread_mutex_t& mutex = *owned_mutex;
   pthread_mutex_init(&mutex, nullptr);
   pthread_mutex_lock(&mutex);
   vek_bench::AllocationCounter allocs(state);
@@ -104,7 +114,8 @@ void ScopedMutexVek(benchmark::State& state) {
 BENCHMARK(ScopedMutexVek)->Name("scoped_mutex/vek");
 
 void ScopedMutexStdLockGuard(benchmark::State& state) {
-  std::mutex mutex;
+  auto owned_mutex = std::make_unique<std::mutex>();
+  std::mutex& mutex = *owned_mutex;
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -129,7 +140,8 @@ void SemPostWaitVek(benchmark::State& state) {
 BENCHMARK(SemPostWaitVek)->Name("sem_post_wait/vek");
 
 void SemPostWaitPosix(benchmark::State& state) {
-  sem_t sem;
+  auto owned_sem = std::make_unique<sem_t>();
+  sem_t& sem = *owned_sem;
   sem_init(&sem, 0, 0);
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
@@ -153,7 +165,8 @@ void SemTryWaitZeroVek(benchmark::State& state) {
 BENCHMARK(SemTryWaitZeroVek)->Name("sem_trywait_zero/vek");
 
 void SemTryWaitZeroPosix(benchmark::State& state) {
-  sem_t sem;
+  auto owned_sem = std::make_unique<sem_t>();
+  sem_t& sem = *owned_sem;
   sem_init(&sem, 0, 0);
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
@@ -167,7 +180,8 @@ BENCHMARK(SemTryWaitZeroPosix)->Name("sem_trywait_zero/posix");
 // A raw caller that wants to know why the try failed (would block, or
 // something else) reads errno as well, as the OSAL must to pick its code.
 void SemTryWaitZeroPosixErrno(benchmark::State& state) {
-  sem_t sem;
+  auto owned_sem = std::make_unique<sem_t>();
+  sem_t& sem = *owned_sem;
   sem_init(&sem, 0, 0);
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
@@ -191,7 +205,8 @@ void CondSignalNoWaiterVek(benchmark::State& state) {
 BENCHMARK(CondSignalNoWaiterVek)->Name("cond_signal_no_waiter/vek");
 
 void CondSignalNoWaiterPthread(benchmark::State& state) {
-  pthread_cond_t cond;
+  auto owned_cond = std::make_unique<pthread_cond_t>();
+  pthread_cond_t& cond = *owned_cond;
   pthread_cond_init(&cond, nullptr);
   vek_bench::AllocationCounter allocs(state);
   for (auto _ : state) {
