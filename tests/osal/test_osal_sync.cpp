@@ -58,6 +58,19 @@ void RunOnOtherThread(void (*func)(void*), void* arg) {
   EXPECT_EQ(OsalThreadAttrDestroy(attr), VekError::kOk);
 }
 
+// Starts `count` threads named `name`, each running func(arg).
+void StartThreads(const char* name, void (*func)(void*), void* arg,
+                  void** threads, int count) {
+  void* attr = nullptr;
+  ASSERT_EQ(OsalThreadAttrInit(&attr), VekError::kOk);
+  ASSERT_EQ(OsalThreadAttrSetName(attr, name), VekError::kOk);
+  ASSERT_EQ(OsalThreadAttrSetStackSize(attr, 65536), VekError::kOk);
+  for (int i = 0; i < count; ++i) {
+    ASSERT_EQ(OsalThreadCreate(&threads[i], attr, func, arg), VekError::kOk);
+  }
+  EXPECT_EQ(OsalThreadAttrDestroy(attr), VekError::kOk);
+}
+
 int ValueOf(void* sem) {
   int value = -1;
   EXPECT_EQ(OsalSemGetValue(sem, &value), VekError::kOk);
@@ -116,15 +129,9 @@ TEST(OsalSemaphoreBoundTest, SleepersAreNotTokens) {
   constexpr int kThreads = 8;
   Sleepers sleepers;
   ASSERT_EQ(OsalSemInit(&sleepers.sem, 0), VekError::kOk);
-  void* attr = nullptr;
-  ASSERT_EQ(OsalThreadAttrInit(&attr), VekError::kOk);
-  ASSERT_EQ(OsalThreadAttrSetName(attr, "sleeper"), VekError::kOk);
-  ASSERT_EQ(OsalThreadAttrSetStackSize(attr, 65536), VekError::kOk);
   void* threads[kThreads] = {};
-  for (void*& thread : threads) {
-    ASSERT_EQ(OsalThreadCreate(&thread, attr, WaitOnce, &sleepers),
-              VekError::kOk);
-  }
+  ASSERT_NO_FATAL_FAILURE(
+      StartThreads("sleeper", WaitOnce, &sleepers, threads, kThreads));
   while (sleepers.about_to_wait.load() != kThreads) std::this_thread::yield();
   // From the counter to the sleep is a few instructions; this is ample,
   // also under an emulator.
@@ -140,7 +147,6 @@ TEST(OsalSemaphoreBoundTest, SleepersAreNotTokens) {
   for (void* thread : threads) EXPECT_EQ(OsalThreadJoin(thread), VekError::kOk);
   EXPECT_EQ(sleepers.woken.load(), kThreads);
   EXPECT_EQ(ValueOf(sleepers.sem), 0);
-  EXPECT_EQ(OsalThreadAttrDestroy(attr), VekError::kOk);
   EXPECT_EQ(OsalSemDestroy(sleepers.sem), VekError::kOk);
 }
 
@@ -182,21 +188,14 @@ TEST(OsalSemaphoreBoundTest, ConcurrentPostersNeverPassTheMaximum) {
   Posters posters;
   ASSERT_EQ(OsalSemInit(&posters.sem, kOsalSemaphoreMaxValue - 1),
             VekError::kOk);
-  void* attr = nullptr;
-  ASSERT_EQ(OsalThreadAttrInit(&attr), VekError::kOk);
-  ASSERT_EQ(OsalThreadAttrSetName(attr, "poster"), VekError::kOk);
-  ASSERT_EQ(OsalThreadAttrSetStackSize(attr, 65536), VekError::kOk);
   void* threads[kThreads] = {};
-  for (void*& thread : threads) {
-    ASSERT_EQ(OsalThreadCreate(&thread, attr, ChurnAtTheMaximum, &posters),
-              VekError::kOk);
-  }
+  ASSERT_NO_FATAL_FAILURE(
+      StartThreads("poster", ChurnAtTheMaximum, &posters, threads, kThreads));
   posters.go = true;
   for (void* thread : threads) EXPECT_EQ(OsalThreadJoin(thread), VekError::kOk);
   EXPECT_GT(posters.accepted.load(), 0);
   EXPECT_LE(posters.highest.load(), static_cast<int>(kOsalSemaphoreMaxValue));
   EXPECT_EQ(ValueOf(posters.sem), static_cast<int>(kOsalSemaphoreMaxValue - 1));
-  EXPECT_EQ(OsalThreadAttrDestroy(attr), VekError::kOk);
   EXPECT_EQ(OsalSemDestroy(posters.sem), VekError::kOk);
 }
 
