@@ -358,8 +358,8 @@ BENCHMARK(PingPongCondPthread)->Name("pingpong_cond/pthread")->UseRealTime();
 // reuse one pthread attribute, as a careful user of the raw API would; the
 // "pthread_named" references also name the thread (from inside, the cheap
 // way), which is what every OSAL thread gets; "pthread_named_announced"
-// also makes the creator wait until the name is in place, as
-// OsalThreadCreate does.
+// also makes the creator wait until the name is in place, which
+// OsalThreadCreate leaves to whoever asks for the name.
 
 constexpr unsigned int kStackSize = 16384;
 constexpr char kThreadName[] = "vek_bench";

@@ -190,8 +190,8 @@ TEST_F(ThreadTest, FifteenCharacterNameIsTheKernelsBeforeAnythingRuns) {
   void* thread = nullptr;
   ASSERT_EQ(OsalThreadCreate(&thread, attr_, RecordNameThenWait, &probe),
             VekError::kOk);
-  // Asked at once, with no hand-shake: the name is in place when
-  // OsalThreadCreate returns.
+  // Asked at once, with no hand-shake of the caller's, most likely before
+  // the thread has run: the answer is the thread's name all the same.
   char name[kOsalThreadNameLengthMax] = {};
   EXPECT_EQ(OsalThreadGetName(thread, name, sizeof(name)), VekError::kOk);
   EXPECT_STREQ(name, kFifteen);

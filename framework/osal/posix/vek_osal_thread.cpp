@@ -6,19 +6,23 @@
 // number of threads and destroyed while they still run.
 //
 // A thread names itself before its function runs (the name is the
-// operating system's, so tools and logs see it), and its creator waits for
-// that: when OsalThreadCreate returns, the thread carries its name, and the
-// thread function sees it from its first statement on.
+// operating system's, so tools and logs see it), so the function sees it
+// from its first statement on. The creator does not wait for that: a
+// sleep and a wake-up on every creation would be a tenth of the cost of
+// starting a thread. OsalThreadGetName, which reads the operating
+// system's name and may be called the moment OsalThreadCreate returns,
+// waits instead, and only in the rare case that it comes first.
 #include <errno.h>
 #include <limits.h>
 #include <pthread.h>
-#include <semaphore.h>
 #include <stdint.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <new>
 
+#include "osal/posix/vek_futex.h"
 #include "osal/posix/vek_posix_error.h"
 #include "osal/vek_osal.h"
 
@@ -41,14 +45,20 @@ struct ThreadAttr {
   char name[kOsalThreadNameLengthMax] = {};
 };
 
+// Thread::naming: the thread has not named itself yet; it has not, and
+// someone waits for it; it has tried, and name_rc says how that went.
+constexpr uint32_t kUnnamed = 0;
+constexpr uint32_t kNameAwaited = 1;
+constexpr uint32_t kNamed = 2;
+
 struct Thread {
   pthread_t id;
   void (*func)(void*);
   void* arg;
   char name[kOsalThreadNameLengthMax];
-  // Posted by the new thread once it has tried to name itself; name_rc is
-  // the outcome. Destroyed at the join, when nobody can touch it any more.
-  sem_t started;
+  // A futex word, so that a reader of the name can sleep on it.
+  std::atomic<uint32_t> naming;
+  // Written by the thread before `naming` becomes kNamed.
   int name_rc;
 };
 
@@ -177,20 +187,31 @@ VekError CopyName(const char* name, char* buf, unsigned int len) {
 
 void* RunThread(void* context) {
   Thread* thread = AsThread(context);
+  // A name of at most 15 characters, set by the thread on itself, is
+  // refused by no known platform. Were it refused, the thread still does
+  // its work, and OsalThreadGetName reports the refusal.
   thread->name_rc = pthread_setname_np(pthread_self(), thread->name);
-  const bool named = thread->name_rc == 0;
-  // Cannot fail: the semaphore is valid and its count is 0.
-  sem_post(&thread->started);
-  // After a failed naming the creator joins this thread and frees
-  // `thread`, so it is not touched again then.
-  if (named) thread->func(thread->arg);
+  VEK_SYNC_HAPPENS_BEFORE(&thread->naming);
+  if (thread->naming.exchange(kNamed, std::memory_order_acq_rel) ==
+      kNameAwaited) {
+    posix::FutexWake(&thread->naming, posix::kFutexWakeAll);
+  }
+  thread->func(thread->arg);
   return nullptr;
 }
 
-// Waits for a semaphore that will be posted, across signal handlers.
-void WaitPosted(sem_t* sem) {
-  while (sem_wait(sem) != 0 && errno == EINTR) {
+// Returns once `thread` has tried to name itself.
+void AwaitNaming(Thread* thread) {
+  uint32_t state = thread->naming.load(std::memory_order_acquire);
+  while (state != kNamed) {
+    if (state == kNameAwaited ||
+        thread->naming.compare_exchange_weak(state, kNameAwaited,
+                                             std::memory_order_acquire)) {
+      posix::FutexWait(&thread->naming, kNameAwaited);
+    }
+    state = thread->naming.load(std::memory_order_acquire);
   }
+  VEK_SYNC_HAPPENS_AFTER(&thread->naming);
 }
 
 }  // namespace
@@ -280,17 +301,14 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
   created->func = func;
   created->arg = arg;
   memcpy(created->name, from->name, sizeof(created->name));
+  created->naming.store(kUnnamed, std::memory_order_relaxed);
   created->name_rc = 0;
-  if (sem_init(&created->started, /*pshared=*/0, 0) != 0) {
-    const VekError err = posix::FromErrno(errno);
-    delete created;
-    return err;
-  }
+  VEK_SYNC_CREATED(&created->naming);
 
   pthread_attr_t pthread_attr;
   int rc = pthread_attr_init(&pthread_attr);
   if (rc != 0) {
-    sem_destroy(&created->started);
+    VEK_SYNC_DESTROYED(&created->naming);
     delete created;
     return posix::FromErrno(rc);
   }
@@ -306,17 +324,7 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
   // thread that already runs could not be taken back anyway.
   pthread_attr_destroy(&pthread_attr);
   if (err != VekError::kOk) {
-    sem_destroy(&created->started);
-    delete created;
-    return err;
-  }
-
-  WaitPosted(&created->started);
-  if (created->name_rc != 0) {
-    // The thread ended without running func.
-    err = posix::FromErrno(created->name_rc);
-    pthread_join(created->id, nullptr);
-    sem_destroy(&created->started);
+    VEK_SYNC_DESTROYED(&created->naming);
     delete created;
     return err;
   }
@@ -334,7 +342,7 @@ VekError OsalThreadJoin(void* thread) {
   // A failed join leaves the handle valid.
   const int rc = pthread_join(joined->id, nullptr);
   if (rc != 0) return posix::FromErrno(rc);
-  sem_destroy(&joined->started);
+  VEK_SYNC_DESTROYED(&joined->naming);
   delete joined;
   return VekError::kOk;
 }
@@ -345,8 +353,11 @@ VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
   if (thread == nullptr || buf == nullptr) return VekError::kErrParam;
   // Asked of the operating system, not of our copy: the name is what tools
   // see, whoever set it last. The thread must not have been joined yet.
+  Thread* named = AsThread(thread);
+  AwaitNaming(named);
+  if (named->name_rc != 0) return posix::FromErrno(named->name_rc);
   char name[kOsalThreadNameLengthMax] = {};
-  const int rc = pthread_getname_np(AsThread(thread)->id, name, sizeof(name));
+  const int rc = pthread_getname_np(named->id, name, sizeof(name));
   if (rc != 0) return posix::FromErrno(rc);
   return CopyName(name, buf, len);
 }
