@@ -1,4 +1,4 @@
-# cmake --install: the conformance executable, libvekosal.so (with its
+# cmake --install: the conformance and contract executables, libvekosal.so (with its
 # soname links), the public headers and a CMake package:
 #
 #   find_package(vekosal)
@@ -6,7 +6,7 @@
 #   target_link_libraries(lib PRIVATE vekosal::headers)  # headers and liblog
 #
 # Components: "vekosal" (library, headers, package) and "conformance" (the
-# executable), so that a port can be installed without the suites.
+# two executables), so that a port can be installed without the suites.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -18,7 +18,7 @@ file(RELATIVE_PATH vek_bin_to_lib
   /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vekosal PROPERTIES
   INSTALL_RPATH_USE_LINK_PATH ON)
-set_target_properties(vek_ut_osal_common PROPERTIES
+set_target_properties(vek_ut_osal_common vek_ut_osal_contract PROPERTIES
   INSTALL_RPATH "$ORIGIN/${vek_bin_to_lib}"
   INSTALL_RPATH_USE_LINK_PATH ON)
 
@@ -30,7 +30,7 @@ install(TARGETS vekosal vek_headers
   EXPORT vekosalTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT vekosal
     NAMELINK_COMPONENT vekosal)
-install(TARGETS vek_ut_osal_common
+install(TARGETS vek_ut_osal_common vek_ut_osal_contract
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT conformance)
 
 # The port's own headers (osal/posix/) are not part of the interface.

@@ -3,7 +3,8 @@
 # order), and the host-only vek_host_log.cpp never in a platform build.
 #
 # -DBP=<Android.bp> -DROOT=<project> -DOSAL_SOURCES=<a|b|...>
-# -DCONFORMANCE_SOURCES=<a|b|...> (absolute paths or relative to ROOT)
+# -DCONFORMANCE_SOURCES=<a|b|...> -DCONTRACT_SOURCES=<a|b|...>
+# (absolute paths or relative to ROOT)
 file(READ ${BP} bp)
 
 # The srcs list of the module named <module>, as paths relative to ROOT.
@@ -31,11 +32,14 @@ endfunction()
 
 bp_srcs(libvekosal bp_osal)
 bp_srcs(vek_ut_osal_common bp_conformance)
+bp_srcs(vek_ut_osal_contract bp_contract)
 cmake_list("${OSAL_SOURCES}" cmake_osal)
 cmake_list("${CONFORMANCE_SOURCES}" cmake_conformance)
+cmake_list("${CONTRACT_SOURCES}" cmake_contract)
 list(FILTER cmake_osal EXCLUDE REGEX "/vek_host_log\\.cpp$")
 list(FILTER cmake_osal INCLUDE REGEX "\\.cpp$")
 list(FILTER cmake_conformance INCLUDE REGEX "\\.cpp$")
+list(FILTER cmake_contract INCLUDE REGEX "\\.cpp$")
 
 set(failed 0)
 if(bp_osal MATCHES "vek_host_log")
@@ -50,9 +54,14 @@ if(NOT bp_conformance STREQUAL cmake_conformance)
   message(SEND_ERROR "vek_ut_osal_common sources differ:\n  Android.bp: ${bp_conformance}\n  CMake:      ${cmake_conformance}")
   set(failed 1)
 endif()
+if(NOT bp_contract STREQUAL cmake_contract)
+  message(SEND_ERROR "vek_ut_osal_contract sources differ:\n  Android.bp: ${bp_contract}\n  CMake:      ${cmake_contract}")
+  set(failed 1)
+endif()
 if(failed)
   message(FATAL_ERROR "Android.bp no longer mirrors the CMake source lists")
 endif()
 list(LENGTH bp_osal osal_count)
 list(LENGTH bp_conformance conformance_count)
-message(STATUS "Android.bp mirrors CMake: ${osal_count} library sources, ${conformance_count} conformance sources")
+list(LENGTH bp_contract contract_count)
+message(STATUS "Android.bp mirrors CMake: ${osal_count} library sources, ${conformance_count} conformance sources, ${contract_count} contract sources")
