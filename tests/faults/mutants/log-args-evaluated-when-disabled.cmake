@@ -1,4 +1,5 @@
 # A disabled log statement still evaluates its format arguments.
+set(mutant_does [=[a disabled log statement evaluates its arguments]=])
 set(mutant_header logging/vek_log.h)
 set(mutant_find_1 [=[
 inline const char* TagOf(const std::string& tag) { return tag.c_str(); }

@@ -1,4 +1,5 @@
 # SetLogLevelMask("*", mask) leaves the existing custom groups alone.
+set(mutant_does [=[`SetLogLevelMask("*", m)` leaves existing custom groups alone]=])
 set(mutant_header logging/vek_logger.h)
 set(mutant_find_1 [=[
       for (auto& node : custom_groups_) node.second.mask = mask;

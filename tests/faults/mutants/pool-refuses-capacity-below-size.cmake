@@ -1,5 +1,6 @@
 # Create refuses a capacity below the size instead of treating it as a
 # reservation only.
+set(mutant_does [=[`ObjectPool::Create` refuses a capacity below the size]=])
 set(mutant_header utils/vek_object_pool.h)
 set(mutant_find_1 [=[
     std::unique_ptr<ObjectPool> pool(new ObjectPool());

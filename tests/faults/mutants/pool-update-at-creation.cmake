@@ -1,4 +1,5 @@
 # Create runs the Update hook on every object it makes.
+set(mutant_does [=[`ObjectPool::Create` runs `Update` on every object]=])
 set(mutant_header utils/vek_object_pool.h)
 set(mutant_find_1 [=[
       pool->in_use_.push_back(false);

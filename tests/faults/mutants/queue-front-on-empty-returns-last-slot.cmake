@@ -1,5 +1,6 @@
 # Front on an empty queue returns the slot of the last element instead of
 # the default object.
+set(mutant_does [=[`Queue::Front` on an empty queue returns the last element's slot]=])
 set(mutant_header utils/vek_queue.h)
 set(mutant_find_1 [=[
   const T& Front() const {

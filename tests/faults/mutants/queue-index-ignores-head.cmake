@@ -1,4 +1,5 @@
 # operator[] counts from slot 0 instead of from the front.
+set(mutant_does [=[`Queue::operator[]` counts from slot 0, not from the front]=])
 set(mutant_header utils/vek_queue.h)
 set(mutant_find_1 [=[
       uint64_t position = static_cast<uint64_t>(head_) + index;

@@ -1,4 +1,5 @@
 # Enqueue on a full queue overwrites the oldest element and reports kOk.
+set(mutant_does [=[`Queue::Enqueue` on a full queue overwrites the oldest element]=])
 set(mutant_header utils/vek_queue.h)
 set(mutant_find_1 [=[
       occupied_count_ = count + 1;

@@ -1,4 +1,5 @@
 # The destructor of ScopedMutex does not unlock.
+set(mutant_does [=[`~ScopedMutex` does not unlock]=])
 set(mutant_header osal/vek_scoped_mutex.h)
 set(mutant_find_1 [=[
   ~ScopedMutex() {
