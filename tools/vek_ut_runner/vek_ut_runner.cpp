@@ -70,7 +70,8 @@ constexpr char kLogCheckName[] = "SystemLog";
 
 constexpr char kUsage[] =
     "usage: vek_ut_runner [--exe=<program>] [--case-timeout=<s>] "
-    "[--xml=<file>] [--check-log] [googletest options...]\n"
+    "[--xml=<file>]\n"
+    "                     [--check-log] [googletest options...]\n"
     "\n"
     "Runs <program> (default: vek_ut_osal_common next to this runner) on\n"
     "the cases that its options select. When a case hangs or crashes, the\n"
@@ -85,9 +86,8 @@ constexpr char kUsage[] =
     "  --xml=<file>        also write one JUnit XML report of the whole run\n"
     "  --check-log         hold each process's standard error (the system\n"
     "                      log on a host) to the lines that its cases must\n"
-    "                      write, with vek_ut_logcheck next to this runner;\n"
-    "                      the verdict is one more entry, "
-    "vek_ut_logcheck.SystemLog\n"
+    "                      write (vek_ut_logcheck, next to this runner);\n"
+    "                      one more entry: vek_ut_logcheck.SystemLog\n"
     "  --help              this text\n"
     "\n"
     "Every other argument goes to <program>. --gtest_output and\n"
