@@ -470,8 +470,9 @@ CheckResult Check(const ParsedLog& log, const Expectation& expectation,
            std::to_string(log.first_unfit) + ")\n";
   }
   if (run.other_processes > 0) {
-    out += "[----------] lines of " +
-           Plural(run.other_processes, "other process") + " not checked\n";
+    out += "[----------] lines of " + std::to_string(run.other_processes) +
+           (run.other_processes == 1 ? " other process" : " other processes") +
+           " not checked\n";
   }
   for (const auto& [group, counts] : by_group) {
     out += "[   INFO   ] " + std::to_string(counts.first) + " of " +
