@@ -32,8 +32,9 @@ constexpr unsigned int kStackSize = 16384;
 
 long ThreadId() { return syscall(SYS_gettid); }
 
-// The owner's mutex and condition variable, its work, and what the worker
-// reports about itself. The work and `waiting` are guarded by the mutex.
+// The owner's side: its mutex and condition variable and its work. All but
+// the handles, the durations and `abandoned_in_use` are guarded by the
+// mutex.
 class Owner {
  public:
   Owner() {
