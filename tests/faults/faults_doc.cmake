@@ -1,6 +1,6 @@
 # Writes docs/faults.md from the fault declarations of CMakeLists.txt: one
 # row per variant, "name|kind|does|catchers|contract catchers|projects|
-# absent log lines", kind being library, header (built into both
+# log check problems", kind being library, header (built into both
 # executables) or header-ut-only (no contract source includes the header).
 
 function(vek_fault_cases_text cases out_var)
@@ -30,7 +30,7 @@ function(vek_fault_write_doc rows path)
     list(GET fields 3 catchers)
     list(GET fields 4 contract_catchers)
     list(GET fields 5 projects)
-    list(GET fields 6 absent)
+    list(GET fields 6 log_problems)
     math(EXPR total "${total} + 1")
     if(kind STREQUAL "library")
       math(EXPR library "${library} + 1")
@@ -51,13 +51,13 @@ function(vek_fault_write_doc rows path)
       math(EXPR either "${either} + 1")
     endif()
     vek_fault_cases_text("${catchers}" ut_text)
-    if(NOT absent STREQUAL "")
+    if(NOT log_problems STREQUAL "")
       if(catchers STREQUAL "")
         math(EXPR log_only "${log_only} + 1")
         set(ut_text "**not caught** by the cases")
       endif()
-      string(REPLACE "\n" "`, `" lines "${absent}")
-      string(APPEND ut_text "; the log check finds absent `${lines}`")
+      string(REPLACE "\n" "`, `" problems "${log_problems}")
+      string(APPEND ut_text "; the log check reports `${problems}`")
     endif()
     if(kind STREQUAL "header-ut-only")
       set(contract_text "(does not include the header)")

@@ -5,7 +5,7 @@
 #         [-DRUNNER=<vek_ut_runner>] [-DPRELOAD=<lib> -DFAULT=<name>]
 #         [-DEXPECT=<caught|passes>] [-DCATCHERS=<Suite.Case,...>] [-DEXACT=ON]
 #         [-DREFERENCE=<program whose case list EXE must share>]
-#         [-DCHECK_LOG=ON -DLOGCHECK=<vek_ut_logcheck> -DABSENT=<line>|...]
+#         [-DCHECK_LOG=ON -DLOGCHECK=<vek_ut_logcheck> -DLOG_PROBLEMS=<problem>|...]
 #         -P run_fault.cmake
 #
 # runner:  EXE runs under the supervised runner with a per-case deadline.
@@ -16,9 +16,9 @@
 # plain:   EXE runs alone; it must end within DEADLINE plus a few seconds
 #          with status 1, reporting the one CATCHERS case as hung.
 #          With CHECK_LOG the runner checks the log too: every case passes,
-#          the log check fails and names the ABSENT lines as absent.
+#          the log check fails and reports the LOG_PROBLEMS.
 # logcheck: EXE runs alone and passes; vek_ut_logcheck on its standard
-#          error exits 1 and names the ABSENT lines as absent.
+#          error exits 1 and reports the LOG_PROBLEMS.
 # project: EXE is a project test; it must fail.
 # With FAULT, the preloaded library must report that it bent a call.
 
@@ -33,7 +33,7 @@ if(NOT DEFINED EXPECT)
   set(EXPECT caught)
 endif()
 string(REPLACE "," ";" catchers "${CATCHERS}")
-string(REPLACE "|" ";" absent "${ABSENT}")
+string(REPLACE "|" ";" log_problems "${LOG_PROBLEMS}")
 set(log_entry vek_ut_logcheck.SystemLog)
 file(MAKE_DIRECTORY "${WORK_DIR}")
 
@@ -102,12 +102,12 @@ set(problems "")
 macro(problem text)
   string(APPEND problems "  ${text}\n")
 endmacro()
-# The log check's report must name every ABSENT line as absent.
-macro(names_absent report)
-  foreach(line IN LISTS absent)
-    string(FIND "${report}" "absent: ${line}\n" at)
+# The log check's report must hold every one of LOG_PROBLEMS.
+macro(reports_problems report)
+  foreach(expected IN LISTS log_problems)
+    string(FIND "${report}" ": ${expected}" at)
     if(at EQUAL -1)
-      problem("the log check does not name ${line} as absent")
+      problem("the log check does not report ${expected}")
     endif()
   endforeach()
 endmacro()
@@ -139,7 +139,7 @@ elseif(MODE STREQUAL "logcheck")
   if(NOT check_rc EQUAL 1)
     problem("vek_ut_logcheck exited with ${check_rc}, not 1")
   endif()
-  names_absent("${report}")
+  reports_problems("${report}")
 elseif(MODE STREQUAL "plain")
   list(LENGTH catchers count)
   if(NOT count EQUAL 1)
@@ -216,7 +216,7 @@ else()
     if(rc EQUAL 0 OR NOT failed STREQUAL log_entry)
       problem("the log check alone must fail the run (status ${rc})")
     endif()
-    names_absent("${out}")
+    reports_problems("${out}")
   elseif(EXPECT STREQUAL "passes")
     if(NOT rc EQUAL 0 OR NOT failed_count EQUAL 0)
       problem("the run did not pass (status ${rc})")

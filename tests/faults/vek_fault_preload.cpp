@@ -26,9 +26,11 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <new>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "logging/vek_logger.h"
@@ -86,6 +88,18 @@ namespace vek_fault {
   /* Clears all `len` bytes of the caller's buffer before checking len. */ \
   X(kAttrGetNameClearsWholeBuffer, "attr-getname-writes-past-16")          \
   X(kAttrGetNameAcceptsLongLength, "attr-getname-accepts-len-26")          \
+  /* A refused SetStack clears the stack that was stored. */               \
+  X(kAttrSetStackRefusedClears, "attr-setstack-refused-clears")            \
+  /* Threads get the platform's smallest stack, whatever the size. */      \
+  X(kAttrSetStackSizeIgnored, "attr-setstacksize-ignored")                 \
+  /* A refused SetName leaves the attribute without a name. */             \
+  X(kAttrSetNameRefusedClears, "attr-setname-refused-clears")              \
+  /* Keeps the caller's pointer and reads the name through it later. */    \
+  X(kAttrSetNameKeepsPointer, "attr-setname-keeps-pointer")                \
+  /* With one out-parameter null, writes the other before refusing. */     \
+  X(kAttrGetStackRefusedWrites, "attr-getstack-refused-writes")            \
+  /* Copies the name into the buffer before it checks `len`. */            \
+  X(kAttrGetNameRefusedWrites, "attr-getname-refused-writes")              \
   /* A null attribute means a default one. */                              \
   X(kCreateNullAttrAccepted, "create-null-attr-accepted")                  \
   X(kCreateAcceptsUnnamed, "create-ignores-missing-name")                  \
@@ -93,6 +107,15 @@ namespace vek_fault {
   X(kCreateNameNotApplied, "create-name-not-applied")                      \
   /* An attribute whose stack was cleared gets a default stack. */         \
   X(kCreateAcceptsClearedStack, "create-accepts-cleared-stack")            \
+  /* Runs the thread on a library stack of the caller's stack's size. */   \
+  X(kCreateIgnoresCallerStack, "create-ignores-caller-stack")              \
+  /* Writes a null handle when it refuses. */                              \
+  X(kCreateRefusedWritesHandle, "create-refused-writes-handle")            \
+  /* The creator names the thread only once its function runs. */          \
+  X(kCreateNamesLate, "create-names-thread-late")                          \
+  /* Keeps the name to itself: the thread keeps its creator's name, */     \
+  /* and OsalThreadGetName answers from the library's copy. */             \
+  X(kNameKeptInLibrary, "thread-name-kept-in-library")                     \
   /* Returns at once; a helper thread joins. Threads start 50 ms late, */  \
   /* as any port may start them, so that the missing wait shows in */      \
   /* every run rather than by the luck of the scheduler. */                \
@@ -110,10 +133,26 @@ namespace vek_fault {
   X(kGetLoggerNotSingleton, "getlogger-not-singleton")                     \
   /* Returns kOk and changes no mask. */                                   \
   X(kLogConfigUpdateIgnored, "log-config-update-ignored")                  \
+  /* Sets every predefined group's mask, not only the target's. */         \
+  X(kLogConfigUpdateEveryGroup, "log-config-update-sets-every-group")      \
+  /* A custom target: returns kOk and changes nothing. */                  \
+  X(kLogConfigUpdateCustomIgnored, "log-config-update-custom-ignored")     \
+  /* A custom target goes through the tag-addressed setter, which takes */ \
+  /* a predefined tag for the predefined group. */                         \
+  X(kLogConfigUpdateCustomByTag, "log-config-update-custom-by-tag")        \
   /* Sets the exit request under the mutex; neither wakes nor joins. */    \
   X(kWorkerExitFlagOnly, "worker-exit-only-sets-flag")                     \
   /* A Start while the worker runs reports kOk. */                         \
-  X(kWorkerStartTwiceAccepted, "worker-start-accepts-second")
+  X(kWorkerStartTwiceAccepted, "worker-start-accepts-second")              \
+  /* Names every worker thread "vek_worker", whatever Start was given. */  \
+  X(kWorkerNameIgnored, "worker-name-ignored")                             \
+  X(kWorkerOnThreadStartedSkipped, "worker-on-thread-started-skipped")     \
+  /* Start calls OnThreadStarted itself, on the caller's thread, once */   \
+  /* the worker thread has begun ThreadFunction. */                        \
+  X(kWorkerOnThreadStartedOnCaller, "worker-on-thread-started-on-caller")  \
+  /* Exit returns once the worker has seen the request and let go of */    \
+  /* the owner's mutex, without waiting for ThreadFunction to return. */   \
+  X(kWorkerExitReturnsEarly, "worker-exit-returns-early")
 
 enum class Fault : size_t {
 #define VEK_FAULT_ENUM(id, name) id,
@@ -230,6 +269,8 @@ constexpr char kHandleUpdate[] =
 constexpr char kWorkerStart[] =
     "_ZN7zov_vek16WorkerThreadBase5StartERPvS2_PKcjb";
 constexpr char kWorkerExit[] = "_ZN7zov_vek16WorkerThreadBase4ExitEv";
+constexpr char kWorkerShouldExit[] =
+    "_ZNK7zov_vek16WorkerThreadBase16ThreadShouldExitEv";
 
 // Every name that this library defines, which must be the name of our own
 // definition: a misspelt one would silently reach the real library.
@@ -242,6 +283,7 @@ constexpr const char* kOwnSymbols[] = {
     kAttrSetStackSize, kAttrSetName,  kAttrGetName,   kThreadCreate,
     kThreadJoin,       kThreadExit,   kThreadGetName, kStrlcpy,
     kGetLogger,        kHandleUpdate, kWorkerStart,   kWorkerExit,
+    kWorkerShouldExit,
 };
 
 __attribute__((constructor)) void CheckAtLoad() {
@@ -269,8 +311,8 @@ __attribute__((constructor)) void CheckAtLoad() {
   abort();  // not reached on any platform that maps nothing at 0
 }
 
-void Sleep50Ms() {
-  const struct timespec delay = {0, 50 * 1000 * 1000};
+void SleepMs(long ms) {
+  const struct timespec delay = {0, ms * 1000 * 1000};
   nanosleep(&delay, nullptr);
 }
 
@@ -315,18 +357,116 @@ void* JoinLater(void* handle) {
   return nullptr;
 }
 
+// Leaves the join of `thread` to a detached helper; false when there is
+// none.
+bool JoinInBackground(void* thread) {
+  pthread_t joiner;
+  pthread_attr_t detached;
+  pthread_attr_init(&detached);
+  pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+  const int rc = pthread_create(&joiner, &detached, &JoinLater, thread);
+  pthread_attr_destroy(&detached);
+  return rc == 0;
+}
+
+// The worker's own virtual functions, called as the library's thread entry
+// calls them.
+struct WorkerAccess : zov_vek::WorkerThreadBase {
+  static void Started(WorkerThreadBase* worker) {
+    (worker->*&WorkerAccess::OnThreadStarted)();
+  }
+  static void Body(WorkerThreadBase* worker) {
+    (worker->*&WorkerAccess::ThreadFunction)();
+  }
+};
+
+// A worker thread's entry in place of the library's: it reports the start
+// and runs ThreadFunction, but never calls OnThreadStarted.
+struct WorkerBody {
+  zov_vek::WorkerThreadBase* worker;
+  void* started;  // the semaphore Start waits on, if any
+  std::atomic<bool> began{false};
+};
+
+void RunWorkerBody(void* context) {
+  VEK_REAL(post, VekError(*)(void*), kSemPost);
+  auto* body = static_cast<WorkerBody*>(context);
+  zov_vek::WorkerThreadBase* const worker = body->worker;
+  if (body->started != nullptr) post(body->started);
+  body->began.store(true);  // from here on Start owns `body`
+  WorkerAccess::Body(worker);
+}
+
+bool ReplacesWorkerEntry() {
+  return Active(Fault::kWorkerOnThreadStartedSkipped) ||
+         Active(Fault::kWorkerOnThreadStartedOnCaller);
+}
+
+// While WorkerThreadBase::Start runs on this thread: the object, the
+// semaphore it made for the start-up report, and the entry given in place
+// of the library's.
+thread_local zov_vek::WorkerThreadBase* t_starting_worker = nullptr;
+thread_local void* t_worker_started = nullptr;
+thread_local WorkerBody* t_worker_body = nullptr;
+
+// Workers by address, with a wait for one to be added.
+class WorkerSet {
+ public:
+  void Add(const void* worker) {
+    pthread_mutex_lock(&mutex_);
+    members_.insert(worker);
+    pthread_cond_broadcast(&cond_);
+    pthread_mutex_unlock(&mutex_);
+  }
+  void Remove(const void* worker) {
+    pthread_mutex_lock(&mutex_);
+    members_.erase(worker);
+    pthread_mutex_unlock(&mutex_);
+  }
+  bool AwaitAdded(const void* worker, time_t seconds) {
+    struct timespec until;
+    clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_sec += seconds;
+    pthread_mutex_lock(&mutex_);
+    while (members_.count(worker) == 0 &&
+           pthread_cond_timedwait(&cond_, &mutex_, &until) == 0) {
+    }
+    const bool found = members_.count(worker) != 0;
+    pthread_mutex_unlock(&mutex_);
+    return found;
+  }
+
+ private:
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
+  std::unordered_set<const void*> members_;
+};
+
+// Workers whose thread has seen the exit request and then let go of a
+// mutex, for an Exit that returns at that point.
+WorkerSet& LeavingWorkers() {
+  static WorkerSet* const set = new WorkerSet;
+  return *set;
+}
+// On a worker thread: the worker whose exit request it has just seen.
+thread_local const void* t_saw_exit_request = nullptr;
+// While WorkerThreadBase::Exit runs on this thread: the object.
+thread_local const void* t_exiting_worker = nullptr;
+
 // Hands a created thread the name of its creator before its function runs.
 struct Renamed {
   void (*func)(void*);
   void* arg;
   char name[zov_vek::kOsalThreadNameLengthMax];
   sem_t ready;
+  pthread_t self;
 };
 
 void RunRenamed(void* context) {
   auto* renamed = static_cast<Renamed*>(context);
   void (*const func)(void*) = renamed->func;
   void* const arg = renamed->arg;
+  renamed->self = pthread_self();
   pthread_setname_np(pthread_self(), renamed->name);
   // The creator frees `renamed` once it is posted.
   sem_post(&renamed->ready);
@@ -344,8 +484,18 @@ void RunLate(void* context) {
   void (*const func)(void*) = late->func;
   void* const arg = late->arg;
   delete late;
-  Sleep50Ms();
+  SleepMs(50);
   func(arg);
+}
+
+// A name into a caller's buffer, refused as our port refuses it.
+VekError CopyName(const char* name, char* buf, unsigned int len) {
+  const size_t length = strlen(name);
+  if (len > zov_vek::kOsalThreadNameLengthMax || len <= length) {
+    return VekError::kErrOutOfRange;
+  }
+  memcpy(buf, name, length + 1);
+  return VekError::kOk;
 }
 
 VekError CopyOwnName(char* buf, unsigned int len) {
@@ -353,12 +503,56 @@ VekError CopyOwnName(char* buf, unsigned int len) {
   if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) {
     return VekError::kErr;
   }
-  const size_t length = strlen(name);
-  if (len > zov_vek::kOsalThreadNameLengthMax || len <= length) {
-    return VekError::kErrOutOfRange;
+  return CopyName(name, buf, len);
+}
+
+// What the name faults remember: the caller's pointer that an attribute
+// keeps, the attributes whose name a refusal cleared, and the names that
+// threads keep inside the library.
+std::mutex g_names_mutex;
+std::unordered_map<void*, const char*> g_name_pointers;
+std::unordered_set<void*> g_names_cleared;
+std::unordered_map<void*, std::string> g_thread_names;
+
+bool NameCleared(void* attr) {
+  if (!Active(Fault::kAttrSetNameRefusedClears)) return false;
+  std::lock_guard<std::mutex> lock(g_names_mutex);
+  return g_names_cleared.count(attr) != 0;
+}
+
+// The attribute takes its name again from the caller's pointer.
+void ReadNameThroughPointer(void* attr) {
+  if (!Active(Fault::kAttrSetNameKeepsPointer)) return;
+  const char* name = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    const auto kept = g_name_pointers.find(attr);
+    if (kept == g_name_pointers.end()) return;
+    name = kept->second;
   }
-  memcpy(buf, name, length + 1);
-  return VekError::kOk;
+  VEK_REAL(set_name, VekError(*)(void*, const char*), kAttrSetName);
+  Injected();
+  set_name(attr, name);
+}
+
+// A new attribute with the name of `from` and a library stack of the size
+// of its stack.
+void* LibraryStackCopy(void* from) {
+  VEK_REAL(init, VekError(*)(void**), kAttrInit);
+  VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
+  VEK_REAL(get_name, VekError(*)(void*, char*, unsigned int), kAttrGetName);
+  VEK_REAL(set_name, VekError(*)(void*, const char*), kAttrSetName);
+  void* copy = nullptr;
+  if (init(&copy) != VekError::kOk) vek_fault::Die("cannot copy", "");
+  void* stack = nullptr;
+  unsigned int size = 0;
+  char name[zov_vek::kOsalThreadNameLengthMax] = {};
+  get_stack(from, &stack, &size);
+  set_size(copy, size);
+  get_name(from, name, sizeof(name));
+  set_name(copy, name);
+  return copy;
 }
 
 }  // namespace
@@ -415,6 +609,10 @@ VekError OsalMutexUnlock(void* mutex) {
     Injected();
     return VekError::kErr;
   }
+  if (err == VekError::kOk && t_saw_exit_request != nullptr) {
+    LeavingWorkers().Add(t_saw_exit_request);
+    t_saw_exit_request = nullptr;
+  }
   return err;
 }
 
@@ -455,7 +653,11 @@ VekError OsalSemInit(void** sem, unsigned int value) {
     Injected();
     return real(sem, kOsalSemaphoreMaxValue);
   }
-  return real(sem, value);
+  const VekError err = real(sem, value);
+  if (err == VekError::kOk && t_starting_worker != nullptr) {
+    t_worker_started = *sem;
+  }
+  return err;
 }
 
 VekError OsalSemDestroy(void* sem) {
@@ -485,7 +687,7 @@ VekError OsalSemWait(void* sem) {
     Injected();
     return post(sem);
   }
-  if (err == VekError::kOk && WaitsReturnLate() && OnMainThread()) Sleep50Ms();
+  if (err == VekError::kOk && WaitsReturnLate() && OnMainThread()) SleepMs(50);
   return err;
 }
 
@@ -588,6 +790,11 @@ VekError OsalThreadAttrInit(void** attr) {
 VekError OsalThreadAttrDestroy(void* attr) {
   VEK_REAL(real, VekError(*)(void*), kAttrDestroy);
   VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  if (attr != nullptr) {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    g_name_pointers.erase(attr);
+    g_names_cleared.erase(attr);
+  }
   if (attr != nullptr && Active(Fault::kAttrDestroyFreesStack)) {
     void* addr = nullptr;
     unsigned int size = 0;
@@ -606,6 +813,15 @@ VekError OsalThreadAttrGetStack(void* attr, void** addr, unsigned int* size) {
     Injected();
     return VekError::kOk;
   }
+  if (attr != nullptr && (addr == nullptr) != (size == nullptr) &&
+      Active(Fault::kAttrGetStackRefusedWrites)) {
+    void* stored = nullptr;
+    unsigned int stored_size = 0;
+    real(attr, &stored, &stored_size);
+    if (addr != nullptr) *addr = stored;
+    if (size != nullptr) *size = stored_size;
+    Injected();
+  }
   return real(attr, addr, size);
 }
 
@@ -623,7 +839,13 @@ VekError OsalThreadAttrSetStack(void* attr, void* addr, unsigned int size) {
     Injected();
     return VekError::kErrParam;
   }
-  return real(attr, addr, size);
+  const VekError err = real(attr, addr, size);
+  if (err != VekError::kOk && attr != nullptr &&
+      Active(Fault::kAttrSetStackRefusedClears)) {
+    Injected();
+    real(attr, nullptr, 0);
+  }
+  return err;
 }
 
 VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
@@ -633,11 +855,22 @@ VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
     Injected();
     return VekError::kErrParam;
   }
+  if (attr != nullptr && size != 0 && Active(Fault::kAttrSetStackSizeIgnored)) {
+    // The smallest size there is; the library rounds it up to the
+    // platform's minimum.
+    Injected();
+    return real(attr, 1);
+  }
   return real(attr, size);
 }
 
 VekError OsalThreadAttrSetName(void* attr, const char* name) {
   VEK_REAL(real, VekError(*)(void*, const char*), kAttrSetName);
+  if (attr != nullptr && name != nullptr && name[0] != '\0' &&
+      t_starting_worker != nullptr && Active(Fault::kWorkerNameIgnored)) {
+    Injected();
+    return real(attr, "vek_worker");
+  }
   if (attr != nullptr && name != nullptr && name[0] == '\0' &&
       Active(Fault::kAttrSetNameAcceptsEmpty)) {
     Injected();
@@ -653,7 +886,17 @@ VekError OsalThreadAttrSetName(void* attr, const char* name) {
     Injected();
     return real(attr, cut);
   }
-  return real(attr, name);
+  const VekError err = real(attr, name);
+  if (attr == nullptr) return err;
+  std::lock_guard<std::mutex> lock(g_names_mutex);
+  if (err == VekError::kOk) {
+    g_names_cleared.erase(attr);
+    if (Active(Fault::kAttrSetNameKeepsPointer)) g_name_pointers[attr] = name;
+  } else if (Active(Fault::kAttrSetNameRefusedClears)) {
+    Injected();
+    g_names_cleared.insert(attr);
+  }
+  return err;
 }
 
 VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
@@ -668,7 +911,26 @@ VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
       return real(attr, buf, kOsalThreadNameLengthMax);
     }
   }
-  return real(attr, buf, len);
+  if (attr == nullptr || buf == nullptr) return real(attr, buf, len);
+  if (NameCleared(attr)) {
+    // Answers as a fresh attribute, which has no name.
+    VEK_REAL(init, VekError(*)(void**), kAttrInit);
+    VEK_REAL(destroy, VekError(*)(void*), kAttrDestroy);
+    void* fresh = nullptr;
+    if (init(&fresh) != VekError::kOk) return VekError::kErr;
+    const VekError err = real(fresh, buf, len);
+    destroy(fresh);
+    return err;
+  }
+  ReadNameThroughPointer(attr);
+  char name[kOsalThreadNameLengthMax] = {};
+  const VekError err = real(attr, buf, len);
+  if (err != VekError::kOk && Active(Fault::kAttrGetNameRefusedWrites) &&
+      real(attr, name, sizeof(name)) == VekError::kOk) {
+    Injected();
+    memcpy(buf, name, strlen(name) + 1);
+  }
+  return err;
 }
 
 // --- Threads --------------------------------------------------------------
@@ -684,6 +946,18 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
   VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
   VEK_REAL(set_stack, VekError(*)(void*, void*, unsigned int), kAttrSetStack);
   VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+
+  if (attr != nullptr && thread != nullptr && func != nullptr &&
+      t_starting_worker != nullptr && ReplacesWorkerEntry()) {
+    auto* body = new WorkerBody{t_starting_worker, t_worker_started};
+    const VekError err = real(thread, attr, &RunWorkerBody, body);
+    if (err == VekError::kOk) {
+      t_worker_body = body;
+    } else {
+      delete body;
+    }
+    return err;
+  }
 
   if (attr == nullptr && thread != nullptr && func != nullptr &&
       Active(Fault::kCreateNullAttrAccepted)) {
@@ -707,9 +981,15 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
     return err;
   }
 
-  if (attr != nullptr && thread != nullptr && func != nullptr &&
-      Active(Fault::kCreateNameNotApplied)) {
-    auto* renamed = new Renamed{func, arg, {}, {}};
+  const bool usable = attr != nullptr && thread != nullptr && func != nullptr;
+  if (usable) ReadNameThroughPointer(attr);
+
+  if (usable &&
+      (Active(Fault::kCreateNameNotApplied) ||
+       Active(Fault::kCreateNamesLate) || Active(Fault::kNameKeptInLibrary))) {
+    char attr_name[kOsalThreadNameLengthMax] = {};
+    get_name(attr, attr_name, sizeof(attr_name));
+    auto* renamed = new Renamed{func, arg, {}, {}, {}};
     pthread_getname_np(pthread_self(), renamed->name, sizeof(renamed->name));
     sem_init(&renamed->ready, 0, 0);
     const VekError err = real(thread, attr, &RunRenamed, renamed);
@@ -717,17 +997,40 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
       Injected();
       while (sem_wait(&renamed->ready) != 0 && errno == EINTR) {
       }
+      if (Active(Fault::kCreateNamesLate)) {
+        // The function has started by now.
+        SleepMs(10);
+        pthread_setname_np(renamed->self, attr_name);
+      }
+      if (Active(Fault::kNameKeptInLibrary)) {
+        std::lock_guard<std::mutex> lock(g_names_mutex);
+        g_thread_names[*thread] = attr_name;
+      }
     }
     sem_destroy(&renamed->ready);
     delete renamed;
     return err;
   }
 
-  const VekError err = real(thread, attr, func, arg);
-  if (err == VekError::kOk || attr == nullptr || thread == nullptr ||
-      func == nullptr) {
+  void* stack = nullptr;
+  unsigned int stack_size = 0;
+  if (usable && Active(Fault::kCreateIgnoresCallerStack) &&
+      get_stack(attr, &stack, &stack_size) == VekError::kOk &&
+      stack != nullptr) {
+    void* copy = LibraryStackCopy(attr);
+    Injected();
+    const VekError err = real(thread, copy, func, arg);
+    attr_destroy(copy);
     return err;
   }
+
+  const VekError err = real(thread, attr, func, arg);
+  if (err != VekError::kOk && thread != nullptr &&
+      Active(Fault::kCreateRefusedWritesHandle)) {
+    Injected();
+    *thread = nullptr;
+  }
+  if (err == VekError::kOk || !usable) return err;
   char name[kOsalThreadNameLengthMax] = {};
   const bool named =
       get_name(attr, name, sizeof(name)) == VekError::kOk && name[0] != '\0';
@@ -738,8 +1041,6 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
     if (retried == VekError::kOk) Injected();
     return retried;
   }
-  void* stack = nullptr;
-  unsigned int stack_size = 0;
   if (named && Active(Fault::kCreateAcceptsClearedStack) &&
       get_stack(attr, &stack, &stack_size) == VekError::kOk &&
       stack == nullptr && stack_size == 0) {
@@ -759,18 +1060,24 @@ VekError OsalThreadJoin(void* thread) {
   if (thread == nullptr && Active(Fault::kJoinNullCrash)) UseNull(thread);
   if (thread != nullptr && Active(Fault::kJoinDoesNotWait)) {
     // Somebody has to release the handle; the caller does not wait for it.
-    pthread_t joiner;
-    pthread_attr_t detached;
-    pthread_attr_init(&detached);
-    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-    const int rc = pthread_create(&joiner, &detached, &JoinLater, thread);
-    pthread_attr_destroy(&detached);
-    if (rc != 0) return real(thread);
+    if (!JoinInBackground(thread)) return real(thread);
+    Injected();
+    return VekError::kOk;
+  }
+  if (thread != nullptr && t_exiting_worker != nullptr &&
+      Active(Fault::kWorkerExitReturnsEarly) &&
+      LeavingWorkers().AwaitAdded(t_exiting_worker, 2) &&
+      JoinInBackground(thread)) {
     Injected();
     return VekError::kOk;
   }
   if (thread != nullptr && SkippedByWorkerExit()) return VekError::kOk;
-  return real(thread);
+  const VekError err = real(thread);
+  if (err == VekError::kOk && Active(Fault::kNameKeptInLibrary)) {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    g_thread_names.erase(thread);
+  }
+  return err;
 }
 
 VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
@@ -779,6 +1086,19 @@ VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
       Active(Fault::kThreadGetNameReadsCaller)) {
     Injected();
     return CopyOwnName(buf, len);
+  }
+  if (thread != nullptr && buf != nullptr &&
+      Active(Fault::kNameKeptInLibrary)) {
+    std::string kept;
+    {
+      std::lock_guard<std::mutex> lock(g_names_mutex);
+      const auto found = g_thread_names.find(thread);
+      if (found != g_thread_names.end()) kept = found->second;
+    }
+    if (!kept.empty()) {
+      Injected();
+      return CopyName(kept.c_str(), buf, len);
+    }
   }
   return real(thread, buf, len);
 }
@@ -828,11 +1148,29 @@ VekError HandleLogConfigUpdate(
   using Handle =
       VekError (*)(std::pair<LogConfigUpdate, LogConfigTargetGroup>&);
   VEK_REAL(real, Handle, kHandleUpdate);
-  if (Active(Fault::kLogConfigUpdateIgnored)) {
+  const uint32_t mask = update.first.log_mask;
+  const uint32_t target = update.second.type;
+  const std::string& tag = update.second.name;
+  if (Active(Fault::kLogConfigUpdateIgnored) ||
+      (target == 1 && Active(Fault::kLogConfigUpdateCustomIgnored))) {
     Injected();
     return VekError::kOk;
   }
-  return real(update);
+  if (update.first.type == 0 && target == 1 &&
+      Active(Fault::kLogConfigUpdateCustomByTag)) {
+    Injected();
+    return Logger::GetLogger().SetLogLevelMask(tag, mask);
+  }
+  const VekError err = real(update);
+  if (err == VekError::kOk && update.first.type == 0 && target == 0 &&
+      Active(Fault::kLogConfigUpdateEveryGroup)) {
+    Injected();
+    for (uint32_t value = 0; value < Logger::kPredefinedGroupCount; ++value) {
+      Logger::GetLogger().SetLogLevelMask(static_cast<PredefinedGroup>(value),
+                                          mask);
+    }
+  }
+  return err;
 }
 
 // --- Worker thread --------------------------------------------------------
@@ -842,7 +1180,20 @@ VekError WorkerThreadBase::Start(void*& mutex, void*& cond, const char* name,
   using StartFn = VekError (*)(WorkerThreadBase*, void*&, void*&, const char*,
                                unsigned int, bool);
   VEK_REAL(real, StartFn, kWorkerStart);
+  t_starting_worker = this;
+  t_worker_started = nullptr;
+  t_worker_body = nullptr;
   const VekError err = real(this, mutex, cond, name, stack_size, flag);
+  t_starting_worker = nullptr;
+  if (WorkerBody* const body = t_worker_body) {
+    t_worker_body = nullptr;
+    while (!body->began.load()) sched_yield();
+    delete body;
+    Injected();
+    if (Active(Fault::kWorkerOnThreadStartedOnCaller)) {
+      WorkerAccess::Started(this);
+    }
+  }
   if (err == VekError::kErrBusy && Active(Fault::kWorkerStartTwiceAccepted)) {
     Injected();
     return VekError::kOk;
@@ -856,9 +1207,21 @@ VekError WorkerThreadBase::Exit() {
   // neither wakes nor joins the worker (see SkippedByWorkerExit).
   const bool outer = !t_in_worker_exit;
   t_in_worker_exit = true;
+  t_exiting_worker = this;
+  LeavingWorkers().Remove(this);
   const VekError err = real(this);
+  t_exiting_worker = nullptr;
   if (outer) t_in_worker_exit = false;
   return err;
+}
+
+bool WorkerThreadBase::ThreadShouldExit() const {
+  VEK_REAL(real, bool (*)(const WorkerThreadBase*), kWorkerShouldExit);
+  const bool requested = real(this);
+  if (requested && Active(Fault::kWorkerExitReturnsEarly)) {
+    t_saw_exit_request = this;
+  }
+  return requested;
 }
 
 }  // namespace zov_vek

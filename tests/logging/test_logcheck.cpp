@@ -68,7 +68,7 @@ TEST(LogCheck, JudgesRealLogsAsWrittenAndChanged) {
   const Lines filtered = RunConformance({kFilter});
   ASSERT_FALSE(run.empty() || filtered.empty());
   const std::pair<const char*, const char*> formats[] = {
-      {"$0", "host stderr format; 166 lines of the run checked"},
+      {"$0", "liblog host stderr format; "},
       {"$3 $4.000 $5 $6 $2 $1: $7", "logcat threadtime format"},
       {"$2/$1($5): $7", "logcat brief format"}};
   for (const auto& [format, says] : formats) {
