@@ -11,7 +11,8 @@ file(REMOVE_RECURSE ${WORK_DIR})
 vek_step("install" COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR}
   --prefix ${prefix})
 
-# The layout, soname links included; the port's own headers stay private.
+# The layout, soname links included; a port's own headers (osal/<port>/)
+# stay private.
 foreach(file
     bin/vek_ut_osal_common
     lib/libvekosal.so
@@ -31,7 +32,8 @@ foreach(file
     message(FATAL_ERROR "not installed: ${file}")
   endif()
 endforeach()
-file(GLOB_RECURSE private RELATIVE ${prefix} ${prefix}/include/*posix*)
+file(GLOB_RECURSE private RELATIVE ${prefix}/include ${prefix}/include/*)
+list(FILTER private INCLUDE REGEX "^osal/.*/")
 if(private)
   message(FATAL_ERROR "port-private files installed: ${private}")
 endif()
