@@ -1,0 +1,58 @@
+# A port's folder holds only what that port must write for its platform:
+# every source and header there needs a platform header, itself or through
+# the folder's own headers. Code that needs none is portable and belongs
+# beside the interface (osal/, logging/, utils/), where every port gets it.
+#
+# Platform headers are those beyond ISO C and C++: POSIX's own
+# (<pthread.h>, <unistd.h>, ...) and the system folders sys/, linux/, asm/
+# and android/. A port to another platform adds its platform's here.
+#
+# -DFRAMEWORK=<framework/> -DPORT=<folder name under framework/osal/>
+cmake_minimum_required(VERSION 3.25)
+set(platform "^((pthread|sched|semaphore|unistd|fcntl|dlfcn|poll)\\.h|(sys|linux|asm|android)/.*)$")
+
+file(GLOB files RELATIVE ${FRAMEWORK}
+  ${FRAMEWORK}/osal/${PORT}/*.cpp ${FRAMEWORK}/osal/${PORT}/*.h)
+if(NOT files)
+  message(FATAL_ERROR "no sources in framework/osal/${PORT}/")
+endif()
+foreach(file IN LISTS files)
+  set(needs_${file} FALSE)
+  set(uses_${file})
+  file(STRINGS ${FRAMEWORK}/${file} lines REGEX "^#[ \t]*include")
+  foreach(line IN LISTS lines)
+    if(line MATCHES "<([^>]+)>" AND CMAKE_MATCH_1 MATCHES "${platform}")
+      set(needs_${file} TRUE)
+    elseif(line MATCHES "\"([^\"]+)\"" AND CMAKE_MATCH_1 IN_LIST files)
+      list(APPEND uses_${file} ${CMAKE_MATCH_1})
+    endif()
+  endforeach()
+endforeach()
+
+# Through the folder's headers, until nothing changes.
+set(changed TRUE)
+while(changed)
+  set(changed FALSE)
+  foreach(file IN LISTS files)
+    foreach(used IN LISTS uses_${file})
+      if(needs_${used} AND NOT needs_${file})
+        set(needs_${file} TRUE)
+        set(changed TRUE)
+      endif()
+    endforeach()
+  endforeach()
+endwhile()
+
+set(portable)
+foreach(file IN LISTS files)
+  if(NOT needs_${file})
+    list(APPEND portable ${file})
+  endif()
+endforeach()
+if(portable)
+  list(JOIN portable ", " portable)
+  message(FATAL_ERROR "need no platform header, so they are not the port's: "
+    "${portable}")
+endif()
+list(LENGTH files count)
+message(STATUS "framework/osal/${PORT}/: each of ${count} files needs a platform header")
