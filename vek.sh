@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # One entry point for building and testing on a Debian 12 machine.
 #
-#   ./vek.sh run    install what is missing, build, run the conformance executable
-#   ./vek.sh test   install what is missing, build, run every test (ctest)
-#   ./vek.sh deps   only install what is missing
+#   ./vek.sh run                install what is missing, build, run the conformance executable
+#   ./vek.sh test [PRESET...]   install what is missing, build, run every test (ctest)
+#   ./vek.sh deps [PRESET...]   only install what is missing
 #
-# Extra arguments of `run` go to the conformance executable.
+# Extra arguments of `run` go to the conformance executable. `test` and
+# `deps` take the presets named, in the order named (default: all, in the
+# order below); packages are installed for those presets only.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -60,11 +62,26 @@ build() {
   cmake --build --preset "$preset"
 }
 
+# The presets named on the command line, or all of them; an unknown name
+# stops the script before anything is installed or built.
+select_presets() {
+  presets=("$@")
+  [ ${#presets[@]} -eq 0 ] && presets=("${TEST_PRESETS[@]}")
+  local preset
+  for preset in "${presets[@]}"; do
+    case " ${TEST_PRESETS[*]} " in
+      *" $preset "*) ;;
+      *) echo "vek.sh: unknown preset $preset (known: ${TEST_PRESETS[*]})" >&2; exit 2 ;;
+    esac
+  done
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
   deps)
-    for preset in "${TEST_PRESETS[@]}"; do
+    select_presets "$@"
+    for preset in "${presets[@]}"; do
       install_missing $(packages_for "$preset")
     done
     ;;
@@ -74,17 +91,18 @@ case "$cmd" in
     exec build/host/bin/vek_ut_osal_common "$@"
     ;;
   test)
-    for preset in "${TEST_PRESETS[@]}"; do
+    select_presets "$@"
+    for preset in "${presets[@]}"; do
       install_missing $(packages_for "$preset")
     done
-    for preset in "${TEST_PRESETS[@]}"; do
+    for preset in "${presets[@]}"; do
       echo "vek.sh: === preset $preset"
       build "$preset"
       ctest --preset "$preset"
     done
     ;;
   *)
-    sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'
     exit 2
     ;;
 esac
