@@ -16,11 +16,13 @@ cd "$(dirname "$0")"
 # for its long checks (valgrind, repeated runs).
 TEST_PRESETS=(host soak asan tsan fuzz clang aarch64)
 
-# Debian packages each preset needs to build and run its tests.
+# Debian packages each preset needs to build and run its tests. The host
+# preset's also serve tools/bench_report.sh: benchmark, boost and libbsd
+# for bench/, gnuplot for the report's chart.
 packages_for() {
   case "$1" in
     host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev \
-        libbenchmark-dev libboost-dev ;;
+        libbenchmark-dev libboost-dev gnuplot-nox ;;
     clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
         libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
