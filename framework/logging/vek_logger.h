@@ -114,8 +114,8 @@ class Logger {
   // Never destroyed, so that threads and static destructors may log until
   // the process ends. Any thread may call it; a first call waits for
   // another thread's first call to finish making the logger. Our library:
-  // every predefined group and every custom group made later start with
-  // Warning and Error (24); if the logger's mutex cannot be made, the
+  // the logger starts with Warning and Error (24) in every predefined mask
+  // and as the mask of new custom groups; if its mutex cannot be made, the
   // process ends (trap) rather than log unguarded.
   VEK_EXPORT static Logger& GetLogger();
 

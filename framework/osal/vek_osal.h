@@ -15,8 +15,9 @@
 //  - Only OsalMutexLock, OsalSemWait, OsalCondWait and OsalThreadJoin wait
 //    for other threads; the rest return at once unless a port says so.
 //
-// Where the contract leaves a choice, "POSIX port:" says what ours
-// (osal/posix/) does; portable callers compare those results with kOk only.
+// Where the contract leaves a choice, "POSIX port:" says what our library
+// (osal/posix/ with the portable sources) does; portable callers compare
+// those results with kOk only.
 // Wherever the contract refuses a null argument, our port returns
 // kErrParam; when memory or threads run out, kErrNoResource. Its refusals
 // change nothing, out-parameters and buffers included. After fork(), the
