@@ -415,23 +415,5 @@ TEST_F(ThreadBadInputTest, SelfJoinIsRefusedAndHandleStaysValid) {
   EXPECT_EQ(VekError::kOk, OsalSemDestroy(self.handle_ready));
 }
 
-TEST(BadInputTest, Strlcpy) {
-  // A null source is no string: length 0 and nothing written.
-  PoisonedBuffer dst;
-  EXPECT_EQ(0u, OsalStrlcpy(dst.bytes, nullptr, sizeof(dst.bytes)));
-  EXPECT_TRUE(dst.Untouched());
-  // A null destination or size 0 receives nothing; the length still comes
-  // back so that the caller sees the truncation.
-  EXPECT_EQ(5u, OsalStrlcpy(nullptr, "abcde", 16));
-  EXPECT_EQ(5u, OsalStrlcpy(dst.bytes, "abcde", 0));
-  EXPECT_TRUE(dst.Untouched());
-  // Size 1 holds only the NUL.
-  EXPECT_EQ(5u, OsalStrlcpy(dst.bytes, "abcde", 1));
-  EXPECT_EQ('\0', dst.bytes[0]);
-  for (size_t i = 1; i < kBufferSize; ++i) {
-    EXPECT_EQ(kPoisonChar, dst.bytes[i]) << "byte " << i;
-  }
-}
-
 }  // namespace
 }  // namespace vek_test

@@ -29,6 +29,7 @@
 #include <new>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "logging/vek_logger.h"
@@ -110,10 +111,26 @@ namespace vek_fault {
   X(kGetLoggerNotSingleton, "getlogger-not-singleton")                     \
   /* Returns kOk and changes no mask. */                                   \
   X(kLogConfigUpdateIgnored, "log-config-update-ignored")                  \
+  /* Sets every predefined group's mask, not only the target's. */         \
+  X(kLogConfigUpdateEveryGroup, "log-config-update-sets-every-group")      \
+  /* A custom target: returns kOk and changes nothing. */                  \
+  X(kLogConfigUpdateCustomIgnored, "log-config-update-custom-ignored")     \
+  /* A custom target goes through the tag-addressed setter, which takes */ \
+  /* a predefined tag for the predefined group. */                         \
+  X(kLogConfigUpdateCustomByTag, "log-config-update-custom-by-tag")        \
   /* Sets the exit request under the mutex; neither wakes nor joins. */    \
   X(kWorkerExitFlagOnly, "worker-exit-only-sets-flag")                     \
   /* A Start while the worker runs reports kOk. */                         \
-  X(kWorkerStartTwiceAccepted, "worker-start-accepts-second")
+  X(kWorkerStartTwiceAccepted, "worker-start-accepts-second")              \
+  /* Names every worker thread "vek_worker", whatever Start was given. */  \
+  X(kWorkerNameIgnored, "worker-name-ignored")                             \
+  X(kWorkerOnThreadStartedSkipped, "worker-on-thread-started-skipped")     \
+  /* Start calls OnThreadStarted itself, on the caller's thread, once */   \
+  /* the worker thread has begun ThreadFunction. */                        \
+  X(kWorkerOnThreadStartedOnCaller, "worker-on-thread-started-on-caller")  \
+  /* Exit returns once the worker has seen the request and let go of */    \
+  /* the owner's mutex, without waiting for ThreadFunction to return. */   \
+  X(kWorkerExitReturnsEarly, "worker-exit-returns-early")
 
 enum class Fault : size_t {
 #define VEK_FAULT_ENUM(id, name) id,
@@ -230,6 +247,8 @@ constexpr char kHandleUpdate[] =
 constexpr char kWorkerStart[] =
     "_ZN7zov_vek16WorkerThreadBase5StartERPvS2_PKcjb";
 constexpr char kWorkerExit[] = "_ZN7zov_vek16WorkerThreadBase4ExitEv";
+constexpr char kWorkerShouldExit[] =
+    "_ZNK7zov_vek16WorkerThreadBase16ThreadShouldExitEv";
 
 // Every name that this library defines, which must be the name of our own
 // definition: a misspelt one would silently reach the real library.
@@ -242,6 +261,7 @@ constexpr const char* kOwnSymbols[] = {
     kAttrSetStackSize, kAttrSetName,  kAttrGetName,   kThreadCreate,
     kThreadJoin,       kThreadExit,   kThreadGetName, kStrlcpy,
     kGetLogger,        kHandleUpdate, kWorkerStart,   kWorkerExit,
+    kWorkerShouldExit,
 };
 
 __attribute__((constructor)) void CheckAtLoad() {
@@ -314,6 +334,102 @@ void* JoinLater(void* handle) {
   join(handle);
   return nullptr;
 }
+
+// Leaves the join of `thread` to a detached helper; false when there is
+// none.
+bool JoinInBackground(void* thread) {
+  pthread_t joiner;
+  pthread_attr_t detached;
+  pthread_attr_init(&detached);
+  pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+  const int rc = pthread_create(&joiner, &detached, &JoinLater, thread);
+  pthread_attr_destroy(&detached);
+  return rc == 0;
+}
+
+// The worker's own virtual functions, called as the library's thread entry
+// calls them.
+struct WorkerAccess : zov_vek::WorkerThreadBase {
+  static void Started(WorkerThreadBase* worker) {
+    (worker->*&WorkerAccess::OnThreadStarted)();
+  }
+  static void Body(WorkerThreadBase* worker) {
+    (worker->*&WorkerAccess::ThreadFunction)();
+  }
+};
+
+// A worker thread's entry in place of the library's: it reports the start
+// and runs ThreadFunction, but never calls OnThreadStarted.
+struct WorkerBody {
+  zov_vek::WorkerThreadBase* worker;
+  void* started;  // the semaphore Start waits on, if any
+  std::atomic<bool> began{false};
+};
+
+void RunWorkerBody(void* context) {
+  VEK_REAL(post, VekError(*)(void*), kSemPost);
+  auto* body = static_cast<WorkerBody*>(context);
+  zov_vek::WorkerThreadBase* const worker = body->worker;
+  if (body->started != nullptr) post(body->started);
+  body->began.store(true);  // from here on Start owns `body`
+  WorkerAccess::Body(worker);
+}
+
+bool ReplacesWorkerEntry() {
+  return Active(Fault::kWorkerOnThreadStartedSkipped) ||
+         Active(Fault::kWorkerOnThreadStartedOnCaller);
+}
+
+// While WorkerThreadBase::Start runs on this thread: the object, the
+// semaphore it made for the start-up report, and the entry given in place
+// of the library's.
+thread_local zov_vek::WorkerThreadBase* t_starting_worker = nullptr;
+thread_local void* t_worker_started = nullptr;
+thread_local WorkerBody* t_worker_body = nullptr;
+
+// Workers by address, with a wait for one to be added.
+class WorkerSet {
+ public:
+  void Add(const void* worker) {
+    pthread_mutex_lock(&mutex_);
+    members_.insert(worker);
+    pthread_cond_broadcast(&cond_);
+    pthread_mutex_unlock(&mutex_);
+  }
+  void Remove(const void* worker) {
+    pthread_mutex_lock(&mutex_);
+    members_.erase(worker);
+    pthread_mutex_unlock(&mutex_);
+  }
+  bool AwaitAdded(const void* worker, time_t seconds) {
+    struct timespec until;
+    clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_sec += seconds;
+    pthread_mutex_lock(&mutex_);
+    while (members_.count(worker) == 0 &&
+           pthread_cond_timedwait(&cond_, &mutex_, &until) == 0) {
+    }
+    const bool found = members_.count(worker) != 0;
+    pthread_mutex_unlock(&mutex_);
+    return found;
+  }
+
+ private:
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
+  std::unordered_set<const void*> members_;
+};
+
+// Workers whose thread has seen the exit request and then let go of a
+// mutex, for an Exit that returns at that point.
+WorkerSet& LeavingWorkers() {
+  static WorkerSet* const set = new WorkerSet;
+  return *set;
+}
+// On a worker thread: the worker whose exit request it has just seen.
+thread_local const void* t_saw_exit_request = nullptr;
+// While WorkerThreadBase::Exit runs on this thread: the object.
+thread_local const void* t_exiting_worker = nullptr;
 
 // Hands a created thread the name of its creator before its function runs.
 struct Renamed {
@@ -415,6 +531,10 @@ VekError OsalMutexUnlock(void* mutex) {
     Injected();
     return VekError::kErr;
   }
+  if (err == VekError::kOk && t_saw_exit_request != nullptr) {
+    LeavingWorkers().Add(t_saw_exit_request);
+    t_saw_exit_request = nullptr;
+  }
   return err;
 }
 
@@ -455,7 +575,11 @@ VekError OsalSemInit(void** sem, unsigned int value) {
     Injected();
     return real(sem, kOsalSemaphoreMaxValue);
   }
-  return real(sem, value);
+  const VekError err = real(sem, value);
+  if (err == VekError::kOk && t_starting_worker != nullptr) {
+    t_worker_started = *sem;
+  }
+  return err;
 }
 
 VekError OsalSemDestroy(void* sem) {
@@ -638,6 +762,11 @@ VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
 
 VekError OsalThreadAttrSetName(void* attr, const char* name) {
   VEK_REAL(real, VekError(*)(void*, const char*), kAttrSetName);
+  if (attr != nullptr && name != nullptr && name[0] != '\0' &&
+      t_starting_worker != nullptr && Active(Fault::kWorkerNameIgnored)) {
+    Injected();
+    return real(attr, "vek_worker");
+  }
   if (attr != nullptr && name != nullptr && name[0] == '\0' &&
       Active(Fault::kAttrSetNameAcceptsEmpty)) {
     Injected();
@@ -684,6 +813,18 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
   VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
   VEK_REAL(set_stack, VekError(*)(void*, void*, unsigned int), kAttrSetStack);
   VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+
+  if (attr != nullptr && thread != nullptr && func != nullptr &&
+      t_starting_worker != nullptr && ReplacesWorkerEntry()) {
+    auto* body = new WorkerBody{t_starting_worker, t_worker_started};
+    const VekError err = real(thread, attr, &RunWorkerBody, body);
+    if (err == VekError::kOk) {
+      t_worker_body = body;
+    } else {
+      delete body;
+    }
+    return err;
+  }
 
   if (attr == nullptr && thread != nullptr && func != nullptr &&
       Active(Fault::kCreateNullAttrAccepted)) {
@@ -759,13 +900,14 @@ VekError OsalThreadJoin(void* thread) {
   if (thread == nullptr && Active(Fault::kJoinNullCrash)) UseNull(thread);
   if (thread != nullptr && Active(Fault::kJoinDoesNotWait)) {
     // Somebody has to release the handle; the caller does not wait for it.
-    pthread_t joiner;
-    pthread_attr_t detached;
-    pthread_attr_init(&detached);
-    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
-    const int rc = pthread_create(&joiner, &detached, &JoinLater, thread);
-    pthread_attr_destroy(&detached);
-    if (rc != 0) return real(thread);
+    if (!JoinInBackground(thread)) return real(thread);
+    Injected();
+    return VekError::kOk;
+  }
+  if (thread != nullptr && t_exiting_worker != nullptr &&
+      Active(Fault::kWorkerExitReturnsEarly) &&
+      LeavingWorkers().AwaitAdded(t_exiting_worker, 2) &&
+      JoinInBackground(thread)) {
     Injected();
     return VekError::kOk;
   }
@@ -828,11 +970,29 @@ VekError HandleLogConfigUpdate(
   using Handle =
       VekError (*)(std::pair<LogConfigUpdate, LogConfigTargetGroup>&);
   VEK_REAL(real, Handle, kHandleUpdate);
-  if (Active(Fault::kLogConfigUpdateIgnored)) {
+  const uint32_t mask = update.first.log_mask;
+  const uint32_t target = update.second.type;
+  const std::string& tag = update.second.name;
+  if (Active(Fault::kLogConfigUpdateIgnored) ||
+      (target == 1 && Active(Fault::kLogConfigUpdateCustomIgnored))) {
     Injected();
     return VekError::kOk;
   }
-  return real(update);
+  if (update.first.type == 0 && target == 1 &&
+      Active(Fault::kLogConfigUpdateCustomByTag)) {
+    Injected();
+    return Logger::GetLogger().SetLogLevelMask(tag, mask);
+  }
+  const VekError err = real(update);
+  if (err == VekError::kOk && update.first.type == 0 && target == 0 &&
+      Active(Fault::kLogConfigUpdateEveryGroup)) {
+    Injected();
+    for (uint32_t value = 0; value < Logger::kPredefinedGroupCount; ++value) {
+      Logger::GetLogger().SetLogLevelMask(static_cast<PredefinedGroup>(value),
+                                          mask);
+    }
+  }
+  return err;
 }
 
 // --- Worker thread --------------------------------------------------------
@@ -842,7 +1002,20 @@ VekError WorkerThreadBase::Start(void*& mutex, void*& cond, const char* name,
   using StartFn = VekError (*)(WorkerThreadBase*, void*&, void*&, const char*,
                                unsigned int, bool);
   VEK_REAL(real, StartFn, kWorkerStart);
+  t_starting_worker = this;
+  t_worker_started = nullptr;
+  t_worker_body = nullptr;
   const VekError err = real(this, mutex, cond, name, stack_size, flag);
+  t_starting_worker = nullptr;
+  if (WorkerBody* const body = t_worker_body) {
+    t_worker_body = nullptr;
+    while (!body->began.load()) sched_yield();
+    delete body;
+    Injected();
+    if (Active(Fault::kWorkerOnThreadStartedOnCaller)) {
+      WorkerAccess::Started(this);
+    }
+  }
   if (err == VekError::kErrBusy && Active(Fault::kWorkerStartTwiceAccepted)) {
     Injected();
     return VekError::kOk;
@@ -856,9 +1029,21 @@ VekError WorkerThreadBase::Exit() {
   // neither wakes nor joins the worker (see SkippedByWorkerExit).
   const bool outer = !t_in_worker_exit;
   t_in_worker_exit = true;
+  t_exiting_worker = this;
+  LeavingWorkers().Remove(this);
   const VekError err = real(this);
+  t_exiting_worker = nullptr;
   if (outer) t_in_worker_exit = false;
   return err;
+}
+
+bool WorkerThreadBase::ThreadShouldExit() const {
+  VEK_REAL(real, bool (*)(const WorkerThreadBase*), kWorkerShouldExit);
+  const bool requested = real(this);
+  if (requested && Active(Fault::kWorkerExitReturnsEarly)) {
+    t_saw_exit_request = this;
+  }
+  return requested;
 }
 
 }  // namespace zov_vek

@@ -1,10 +1,8 @@
-// The logger's group table: tags, the "*" tag, the limit of eight custom
-// groups, the asymmetric tag-addressed getter and setter, the managers and
-// configuration updates.
+// The logger's group table: tags, the limit of eight custom groups, the
+// tag-addressed getter that sees custom groups only, and the managers.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 
 #include "logger_fixture.h"
 #include "logging/vek_log.h"
@@ -14,9 +12,6 @@ namespace vek_test {
 namespace {
 
 using zov_vek::CustomLogGroupManager;
-using zov_vek::HandleLogConfigUpdate;
-using zov_vek::LogConfigTargetGroup;
-using zov_vek::LogConfigUpdate;
 using zov_vek::Logger;
 using zov_vek::PredefinedGroup;
 using zov_vek::PredefinedLogGroupManager;
@@ -44,28 +39,8 @@ TEST_F(LoggerTest, TagsFollowTheTableAndEndInUnassigned) {
   }
 }
 
-TEST_F(LoggerTest, StarReachesPredefinedCustomAndLaterGroups) {
-  ASSERT_EQ(VekError::kOk, logger_.SetLogLevelMask("early", 4));
-  ASSERT_EQ(VekError::kOk, logger_.SetLogLevelMask("*", 21));
-  for (uint32_t value = 0; value < 16; ++value) {
-    EXPECT_EQ(21u, logger_.GetLogLevelMask(Group(value))) << value;
-  }
-  EXPECT_EQ(21u, logger_.GetLogLevelMask("early"));
-  // Created after the "*": starts from the new default.
-  EXPECT_EQ(21u, logger_.GetLogLevelMask("late"));
-  // Clearing the custom groups keeps the default.
-  ASSERT_EQ(VekError::kOk, logger_.ClearCustomGroups());
-  EXPECT_EQ(0u, logger_.CustomGroupCount());
-  EXPECT_EQ(21u, logger_.GetLogLevelMask("after-clear"));
-}
-
-TEST_F(LoggerTest, TagAddressedSetterReachesPredefinedGroupsGetterDoesNot) {
+TEST_F(LoggerTest, TagAddressedGetterLooksAtCustomGroupsOnly) {
   ASSERT_EQ(VekError::kOk, logger_.SetLogLevelMask("vek-ipc", 30));
-  EXPECT_EQ(30u, logger_.GetLogLevelMask(PredefinedGroup::kIpc));
-  ASSERT_EQ(VekError::kOk, logger_.SetLogLevelMask("vek-unassigned", 9));
-  EXPECT_EQ(9u, logger_.GetLogLevelMask(PredefinedGroup::kUnassigned));
-  EXPECT_EQ(0u, logger_.CustomGroupCount());
-
   // The tag-addressed read looks only at custom groups: this makes a custom
   // group named "vek-ipc" with the default mask.
   EXPECT_EQ(kStartMask, logger_.GetLogLevelMask("vek-ipc"));
@@ -135,55 +110,6 @@ TEST_F(LoggerTest, PredefinedManagerSetsEveryPredefinedGroupOnly) {
             PredefinedLogGroupManager::SetLogMask(PredefinedGroup::kTxn, 3));
   EXPECT_EQ(3u, logger_.GetLogLevelMask(PredefinedGroup::kTxn));
   EXPECT_EQ(24u, logger_.GetLogLevelMask(PredefinedGroup::kTxnData));
-}
-
-TEST_F(LoggerTest, ConfigUpdateReachesItsTargetAndItsStatements) {
-  std::pair<LogConfigUpdate, LogConfigTargetGroup> update{{0, 24, 0},
-                                                          {0, "vek-sched"}};
-  ASSERT_EQ(VekError::kOk, HandleLogConfigUpdate(update));
-  EXPECT_EQ(24u, logger_.GetLogLevelMask(PredefinedGroup::kSched));
-  EXPECT_EQ(0u, logger_.GetLogLevelMask(PredefinedGroup::kIpc));
-  LOG_INFO(PredefinedGroup::kSched, "hidden");
-  LOG_WARNING(PredefinedGroup::kSched, "shown %d", 2);
-  EXPECT_EQ(1u, capture_.lines().size());
-  EXPECT_EQ(1u, capture_.Count({ANDROID_LOG_WARN, "vek-sched", "shown 2"}));
-
-  // A custom target that has not logged yet is created with the mask.
-  update = {{0, 16, 0}, {1, "VEK_UT_DIAG"}};
-  ASSERT_EQ(VekError::kOk, HandleLogConfigUpdate(update));
-  EXPECT_EQ(16u, logger_.GetLogLevelMask("VEK_UT_DIAG"));
-  // A custom target named like a predefined group stays custom.
-  update = {{0, 8, 0}, {1, "vek-ipc"}};
-  ASSERT_EQ(VekError::kOk, HandleLogConfigUpdate(update));
-  EXPECT_EQ(0u, logger_.GetLogLevelMask(PredefinedGroup::kIpc));
-  EXPECT_EQ(8u, logger_.GetLogLevelMask("vek-ipc"));
-}
-
-TEST_F(LoggerTest, ConfigUpdateRefusesWhatItCannotApply) {
-  ASSERT_EQ(VekError::kOk, logger_.SetLogLevelMask("*", 1));
-  std::pair<LogConfigUpdate, LogConfigTargetGroup> update{{0, 24, 0},
-                                                          {0, "VEK_UT_DIAG"}};
-  EXPECT_NE(VekError::kOk, HandleLogConfigUpdate(update));  // not predefined
-  update = {{7, 24, 0}, {0, "vek-ipc"}};
-  EXPECT_NE(VekError::kOk, HandleLogConfigUpdate(update));  // unknown type
-  update = {{0, 24, 0}, {2, "vek-ipc"}};
-  EXPECT_NE(VekError::kOk, HandleLogConfigUpdate(update));  // unknown target
-  FillCustomGroups(logger_);
-  update = {{0, 24, 0}, {1, "ninth"}};
-  EXPECT_NE(VekError::kOk, HandleLogConfigUpdate(update));
-  EXPECT_EQ(8u, logger_.CustomGroupCount());
-  for (uint32_t value = 0; value < 16; ++value) {
-    EXPECT_EQ(1u, logger_.GetLogLevelMask(Group(value))) << value;
-  }
-}
-
-// Predefined statements read the logger through the address that the
-// library publishes; it must be the singleton itself, or statements would
-// test masks that nobody sets.
-TEST_F(LoggerTest, PublishedAddressIsTheSingleton) {
-  Logger& logger = Logger::GetLogger();
-  EXPECT_EQ(&logger, zov_vek::log_internal::published_logger);
-  EXPECT_EQ(&logger, &zov_vek::log_internal::FastLogger());
 }
 
 }  // namespace

@@ -22,4 +22,5 @@ set(mutant_replace_2 [=[
 ]=])
 # No suite logs an argument with a side effect.
 set(mutant_not_caught TRUE)
-set(mutant_project_catchers vek_test_logger)
+set(mutant_contract_catchers
+  LogStatement.EvaluatesNoArgumentWhileDisabledAndEachOnceWhenEnabled)

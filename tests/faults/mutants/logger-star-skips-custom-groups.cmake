@@ -7,4 +7,5 @@ set(mutant_find_1 [=[
 set(mutant_replace_1 "")
 # No suite sets the "*" tag.
 set(mutant_not_caught TRUE)
-set(mutant_project_catchers vek_test_logger)
+set(mutant_contract_catchers
+  LoggerSetLogLevelMask.StarReachesEveryGroupAndTheGroupsMadeLater)
