@@ -26,6 +26,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <new>
 #include <string>
 #include <unordered_map>
@@ -87,6 +88,18 @@ namespace vek_fault {
   /* Clears all `len` bytes of the caller's buffer before checking len. */ \
   X(kAttrGetNameClearsWholeBuffer, "attr-getname-writes-past-16")          \
   X(kAttrGetNameAcceptsLongLength, "attr-getname-accepts-len-26")          \
+  /* A refused SetStack clears the stack that was stored. */               \
+  X(kAttrSetStackRefusedClears, "attr-setstack-refused-clears")            \
+  /* Threads get the platform's smallest stack, whatever the size. */      \
+  X(kAttrSetStackSizeIgnored, "attr-setstacksize-ignored")                 \
+  /* A refused SetName leaves the attribute without a name. */             \
+  X(kAttrSetNameRefusedClears, "attr-setname-refused-clears")              \
+  /* Keeps the caller's pointer and reads the name through it later. */    \
+  X(kAttrSetNameKeepsPointer, "attr-setname-keeps-pointer")                \
+  /* With one out-parameter null, writes the other before refusing. */     \
+  X(kAttrGetStackRefusedWrites, "attr-getstack-refused-writes")            \
+  /* Copies the name into the buffer before it checks `len`. */            \
+  X(kAttrGetNameRefusedWrites, "attr-getname-refused-writes")              \
   /* A null attribute means a default one. */                              \
   X(kCreateNullAttrAccepted, "create-null-attr-accepted")                  \
   X(kCreateAcceptsUnnamed, "create-ignores-missing-name")                  \
@@ -94,6 +107,15 @@ namespace vek_fault {
   X(kCreateNameNotApplied, "create-name-not-applied")                      \
   /* An attribute whose stack was cleared gets a default stack. */         \
   X(kCreateAcceptsClearedStack, "create-accepts-cleared-stack")            \
+  /* Runs the thread on a library stack of the caller's stack's size. */   \
+  X(kCreateIgnoresCallerStack, "create-ignores-caller-stack")              \
+  /* Writes a null handle when it refuses. */                              \
+  X(kCreateRefusedWritesHandle, "create-refused-writes-handle")            \
+  /* The creator names the thread only once its function runs. */          \
+  X(kCreateNamesLate, "create-names-thread-late")                          \
+  /* Keeps the name to itself: the thread keeps its creator's name, */     \
+  /* and OsalThreadGetName answers from the library's copy. */             \
+  X(kNameKeptInLibrary, "thread-name-kept-in-library")                     \
   /* Returns at once; a helper thread joins. Threads start 50 ms late, */  \
   /* as any port may start them, so that the missing wait shows in */      \
   /* every run rather than by the luck of the scheduler. */                \
@@ -289,8 +311,8 @@ __attribute__((constructor)) void CheckAtLoad() {
   abort();  // not reached on any platform that maps nothing at 0
 }
 
-void Sleep50Ms() {
-  const struct timespec delay = {0, 50 * 1000 * 1000};
+void SleepMs(long ms) {
+  const struct timespec delay = {0, ms * 1000 * 1000};
   nanosleep(&delay, nullptr);
 }
 
@@ -437,12 +459,14 @@ struct Renamed {
   void* arg;
   char name[zov_vek::kOsalThreadNameLengthMax];
   sem_t ready;
+  pthread_t self;
 };
 
 void RunRenamed(void* context) {
   auto* renamed = static_cast<Renamed*>(context);
   void (*const func)(void*) = renamed->func;
   void* const arg = renamed->arg;
+  renamed->self = pthread_self();
   pthread_setname_np(pthread_self(), renamed->name);
   // The creator frees `renamed` once it is posted.
   sem_post(&renamed->ready);
@@ -460,8 +484,18 @@ void RunLate(void* context) {
   void (*const func)(void*) = late->func;
   void* const arg = late->arg;
   delete late;
-  Sleep50Ms();
+  SleepMs(50);
   func(arg);
+}
+
+// A name into a caller's buffer, refused as our port refuses it.
+VekError CopyName(const char* name, char* buf, unsigned int len) {
+  const size_t length = strlen(name);
+  if (len > zov_vek::kOsalThreadNameLengthMax || len <= length) {
+    return VekError::kErrOutOfRange;
+  }
+  memcpy(buf, name, length + 1);
+  return VekError::kOk;
 }
 
 VekError CopyOwnName(char* buf, unsigned int len) {
@@ -469,12 +503,56 @@ VekError CopyOwnName(char* buf, unsigned int len) {
   if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) {
     return VekError::kErr;
   }
-  const size_t length = strlen(name);
-  if (len > zov_vek::kOsalThreadNameLengthMax || len <= length) {
-    return VekError::kErrOutOfRange;
+  return CopyName(name, buf, len);
+}
+
+// What the name faults remember: the caller's pointer that an attribute
+// keeps, the attributes whose name a refusal cleared, and the names that
+// threads keep inside the library.
+std::mutex g_names_mutex;
+std::unordered_map<void*, const char*> g_name_pointers;
+std::unordered_set<void*> g_names_cleared;
+std::unordered_map<void*, std::string> g_thread_names;
+
+bool NameCleared(void* attr) {
+  if (!Active(Fault::kAttrSetNameRefusedClears)) return false;
+  std::lock_guard<std::mutex> lock(g_names_mutex);
+  return g_names_cleared.count(attr) != 0;
+}
+
+// The attribute takes its name again from the caller's pointer.
+void ReadNameThroughPointer(void* attr) {
+  if (!Active(Fault::kAttrSetNameKeepsPointer)) return;
+  const char* name = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    const auto kept = g_name_pointers.find(attr);
+    if (kept == g_name_pointers.end()) return;
+    name = kept->second;
   }
-  memcpy(buf, name, length + 1);
-  return VekError::kOk;
+  VEK_REAL(set_name, VekError(*)(void*, const char*), kAttrSetName);
+  Injected();
+  set_name(attr, name);
+}
+
+// A new attribute with the name of `from` and a library stack of the size
+// of its stack.
+void* LibraryStackCopy(void* from) {
+  VEK_REAL(init, VekError(*)(void**), kAttrInit);
+  VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  VEK_REAL(set_size, VekError(*)(void*, unsigned int), kAttrSetStackSize);
+  VEK_REAL(get_name, VekError(*)(void*, char*, unsigned int), kAttrGetName);
+  VEK_REAL(set_name, VekError(*)(void*, const char*), kAttrSetName);
+  void* copy = nullptr;
+  if (init(&copy) != VekError::kOk) vek_fault::Die("cannot copy", "");
+  void* stack = nullptr;
+  unsigned int size = 0;
+  char name[zov_vek::kOsalThreadNameLengthMax] = {};
+  get_stack(from, &stack, &size);
+  set_size(copy, size);
+  get_name(from, name, sizeof(name));
+  set_name(copy, name);
+  return copy;
 }
 
 }  // namespace
@@ -609,7 +687,7 @@ VekError OsalSemWait(void* sem) {
     Injected();
     return post(sem);
   }
-  if (err == VekError::kOk && WaitsReturnLate() && OnMainThread()) Sleep50Ms();
+  if (err == VekError::kOk && WaitsReturnLate() && OnMainThread()) SleepMs(50);
   return err;
 }
 
@@ -712,6 +790,11 @@ VekError OsalThreadAttrInit(void** attr) {
 VekError OsalThreadAttrDestroy(void* attr) {
   VEK_REAL(real, VekError(*)(void*), kAttrDestroy);
   VEK_REAL(get_stack, VekError(*)(void*, void**, unsigned int*), kAttrGetStack);
+  if (attr != nullptr) {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    g_name_pointers.erase(attr);
+    g_names_cleared.erase(attr);
+  }
   if (attr != nullptr && Active(Fault::kAttrDestroyFreesStack)) {
     void* addr = nullptr;
     unsigned int size = 0;
@@ -730,6 +813,15 @@ VekError OsalThreadAttrGetStack(void* attr, void** addr, unsigned int* size) {
     Injected();
     return VekError::kOk;
   }
+  if (attr != nullptr && (addr == nullptr) != (size == nullptr) &&
+      Active(Fault::kAttrGetStackRefusedWrites)) {
+    void* stored = nullptr;
+    unsigned int stored_size = 0;
+    real(attr, &stored, &stored_size);
+    if (addr != nullptr) *addr = stored;
+    if (size != nullptr) *size = stored_size;
+    Injected();
+  }
   return real(attr, addr, size);
 }
 
@@ -747,7 +839,13 @@ VekError OsalThreadAttrSetStack(void* attr, void* addr, unsigned int size) {
     Injected();
     return VekError::kErrParam;
   }
-  return real(attr, addr, size);
+  const VekError err = real(attr, addr, size);
+  if (err != VekError::kOk && attr != nullptr &&
+      Active(Fault::kAttrSetStackRefusedClears)) {
+    Injected();
+    real(attr, nullptr, 0);
+  }
+  return err;
 }
 
 VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
@@ -756,6 +854,12 @@ VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size) {
       Active(Fault::kAttrSetStackSizeRefusesSmall)) {
     Injected();
     return VekError::kErrParam;
+  }
+  if (attr != nullptr && size != 0 && Active(Fault::kAttrSetStackSizeIgnored)) {
+    // The smallest size there is; the library rounds it up to the
+    // platform's minimum.
+    Injected();
+    return real(attr, 1);
   }
   return real(attr, size);
 }
@@ -782,7 +886,17 @@ VekError OsalThreadAttrSetName(void* attr, const char* name) {
     Injected();
     return real(attr, cut);
   }
-  return real(attr, name);
+  const VekError err = real(attr, name);
+  if (attr == nullptr) return err;
+  std::lock_guard<std::mutex> lock(g_names_mutex);
+  if (err == VekError::kOk) {
+    g_names_cleared.erase(attr);
+    if (Active(Fault::kAttrSetNameKeepsPointer)) g_name_pointers[attr] = name;
+  } else if (Active(Fault::kAttrSetNameRefusedClears)) {
+    Injected();
+    g_names_cleared.insert(attr);
+  }
+  return err;
 }
 
 VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
@@ -797,7 +911,26 @@ VekError OsalThreadAttrGetName(void* attr, char* buf, unsigned int len) {
       return real(attr, buf, kOsalThreadNameLengthMax);
     }
   }
-  return real(attr, buf, len);
+  if (attr == nullptr || buf == nullptr) return real(attr, buf, len);
+  if (NameCleared(attr)) {
+    // Answers as a fresh attribute, which has no name.
+    VEK_REAL(init, VekError(*)(void**), kAttrInit);
+    VEK_REAL(destroy, VekError(*)(void*), kAttrDestroy);
+    void* fresh = nullptr;
+    if (init(&fresh) != VekError::kOk) return VekError::kErr;
+    const VekError err = real(fresh, buf, len);
+    destroy(fresh);
+    return err;
+  }
+  ReadNameThroughPointer(attr);
+  char name[kOsalThreadNameLengthMax] = {};
+  const VekError err = real(attr, buf, len);
+  if (err != VekError::kOk && Active(Fault::kAttrGetNameRefusedWrites) &&
+      real(attr, name, sizeof(name)) == VekError::kOk) {
+    Injected();
+    memcpy(buf, name, strlen(name) + 1);
+  }
+  return err;
 }
 
 // --- Threads --------------------------------------------------------------
@@ -848,9 +981,15 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
     return err;
   }
 
-  if (attr != nullptr && thread != nullptr && func != nullptr &&
-      Active(Fault::kCreateNameNotApplied)) {
-    auto* renamed = new Renamed{func, arg, {}, {}};
+  const bool usable = attr != nullptr && thread != nullptr && func != nullptr;
+  if (usable) ReadNameThroughPointer(attr);
+
+  if (usable &&
+      (Active(Fault::kCreateNameNotApplied) ||
+       Active(Fault::kCreateNamesLate) || Active(Fault::kNameKeptInLibrary))) {
+    char attr_name[kOsalThreadNameLengthMax] = {};
+    get_name(attr, attr_name, sizeof(attr_name));
+    auto* renamed = new Renamed{func, arg, {}, {}, {}};
     pthread_getname_np(pthread_self(), renamed->name, sizeof(renamed->name));
     sem_init(&renamed->ready, 0, 0);
     const VekError err = real(thread, attr, &RunRenamed, renamed);
@@ -858,17 +997,40 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
       Injected();
       while (sem_wait(&renamed->ready) != 0 && errno == EINTR) {
       }
+      if (Active(Fault::kCreateNamesLate)) {
+        // The function has started by now.
+        SleepMs(10);
+        pthread_setname_np(renamed->self, attr_name);
+      }
+      if (Active(Fault::kNameKeptInLibrary)) {
+        std::lock_guard<std::mutex> lock(g_names_mutex);
+        g_thread_names[*thread] = attr_name;
+      }
     }
     sem_destroy(&renamed->ready);
     delete renamed;
     return err;
   }
 
-  const VekError err = real(thread, attr, func, arg);
-  if (err == VekError::kOk || attr == nullptr || thread == nullptr ||
-      func == nullptr) {
+  void* stack = nullptr;
+  unsigned int stack_size = 0;
+  if (usable && Active(Fault::kCreateIgnoresCallerStack) &&
+      get_stack(attr, &stack, &stack_size) == VekError::kOk &&
+      stack != nullptr) {
+    void* copy = LibraryStackCopy(attr);
+    Injected();
+    const VekError err = real(thread, copy, func, arg);
+    attr_destroy(copy);
     return err;
   }
+
+  const VekError err = real(thread, attr, func, arg);
+  if (err != VekError::kOk && thread != nullptr &&
+      Active(Fault::kCreateRefusedWritesHandle)) {
+    Injected();
+    *thread = nullptr;
+  }
+  if (err == VekError::kOk || !usable) return err;
   char name[kOsalThreadNameLengthMax] = {};
   const bool named =
       get_name(attr, name, sizeof(name)) == VekError::kOk && name[0] != '\0';
@@ -879,8 +1041,6 @@ VekError OsalThreadCreate(void** thread, void* attr, void (*func)(void*),
     if (retried == VekError::kOk) Injected();
     return retried;
   }
-  void* stack = nullptr;
-  unsigned int stack_size = 0;
   if (named && Active(Fault::kCreateAcceptsClearedStack) &&
       get_stack(attr, &stack, &stack_size) == VekError::kOk &&
       stack == nullptr && stack_size == 0) {
@@ -912,7 +1072,12 @@ VekError OsalThreadJoin(void* thread) {
     return VekError::kOk;
   }
   if (thread != nullptr && SkippedByWorkerExit()) return VekError::kOk;
-  return real(thread);
+  const VekError err = real(thread);
+  if (err == VekError::kOk && Active(Fault::kNameKeptInLibrary)) {
+    std::lock_guard<std::mutex> lock(g_names_mutex);
+    g_thread_names.erase(thread);
+  }
+  return err;
 }
 
 VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
@@ -921,6 +1086,19 @@ VekError OsalThreadGetName(void* thread, char* buf, unsigned int len) {
       Active(Fault::kThreadGetNameReadsCaller)) {
     Injected();
     return CopyOwnName(buf, len);
+  }
+  if (thread != nullptr && buf != nullptr &&
+      Active(Fault::kNameKeptInLibrary)) {
+    std::string kept;
+    {
+      std::lock_guard<std::mutex> lock(g_names_mutex);
+      const auto found = g_thread_names.find(thread);
+      if (found != g_thread_names.end()) kept = found->second;
+    }
+    if (!kept.empty()) {
+      Injected();
+      return CopyName(kept.c_str(), buf, len);
+    }
   }
   return real(thread, buf, len);
 }

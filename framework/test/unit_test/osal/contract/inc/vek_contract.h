@@ -76,6 +76,8 @@ inline std::string OsThreadName() {
 // threads a case needs besides the one under test.
 class Attr {
  public:
+  // Nothing set: for the cases that set the attribute up themselves.
+  Attr() { EXPECT_EQ(zov_vek::OsalThreadAttrInit(&attr_), VekError::kOk); }
   explicit Attr(const char* name, unsigned int stack_size = kHelperStackSize) {
     EXPECT_EQ(zov_vek::OsalThreadAttrInit(&attr_), VekError::kOk);
     EXPECT_EQ(zov_vek::OsalThreadAttrSetName(attr_, name), VekError::kOk);
