@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # One entry point for building and testing on a Debian 12 machine.
 #
-#   ./vek.sh run    install what is missing, build, run the conformance executable
-#   ./vek.sh test   install what is missing, build, run every test (ctest)
-#   ./vek.sh deps   only install what is missing
+#   ./vek.sh run                install what is missing, build, run the conformance executable
+#   ./vek.sh test [PRESET...]   install what is missing, build, run every test (ctest)
+#   ./vek.sh deps [PRESET...]   only install what is missing
 #
-# Extra arguments of `run` go to the conformance executable.
+# Extra arguments of `run` go to the conformance executable. `test` and
+# `deps` take the presets named, in the order named (default: all, in the
+# order below); packages are installed for those presets only.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -14,11 +16,13 @@ cd "$(dirname "$0")"
 # for its long checks (valgrind, repeated runs).
 TEST_PRESETS=(host soak asan tsan fuzz clang aarch64)
 
-# Debian packages each preset needs to build and run its tests.
+# Debian packages each preset needs to build and run its tests. The host
+# preset's also serve tools/bench_report.sh: benchmark, boost and libbsd
+# for bench/, gnuplot for the report's chart.
 packages_for() {
   case "$1" in
     host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev \
-        libbenchmark-dev libboost-dev ;;
+        libbenchmark-dev libboost-dev gnuplot-nox ;;
     clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
         libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
@@ -60,11 +64,26 @@ build() {
   cmake --build --preset "$preset"
 }
 
+# The presets named on the command line, or all of them; an unknown name
+# stops the script before anything is installed or built.
+select_presets() {
+  presets=("$@")
+  [ ${#presets[@]} -eq 0 ] && presets=("${TEST_PRESETS[@]}")
+  local preset
+  for preset in "${presets[@]}"; do
+    case " ${TEST_PRESETS[*]} " in
+      *" $preset "*) ;;
+      *) echo "vek.sh: unknown preset $preset (known: ${TEST_PRESETS[*]})" >&2; exit 2 ;;
+    esac
+  done
+}
+
 cmd=${1:-}
 [ $# -gt 0 ] && shift
 case "$cmd" in
   deps)
-    for preset in "${TEST_PRESETS[@]}"; do
+    select_presets "$@"
+    for preset in "${presets[@]}"; do
       install_missing $(packages_for "$preset")
     done
     ;;
@@ -74,17 +93,18 @@ case "$cmd" in
     exec build/host/bin/vek_ut_osal_common "$@"
     ;;
   test)
-    for preset in "${TEST_PRESETS[@]}"; do
+    select_presets "$@"
+    for preset in "${presets[@]}"; do
       install_missing $(packages_for "$preset")
     done
-    for preset in "${TEST_PRESETS[@]}"; do
+    for preset in "${presets[@]}"; do
       echo "vek.sh: === preset $preset"
       build "$preset"
       ctest --preset "$preset"
     done
     ;;
   *)
-    sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
+    sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'
     exit 2
     ;;
 esac

@@ -33,15 +33,15 @@ install(TARGETS vekosal vek_headers
 install(TARGETS vek_ut_osal_common vek_ut_osal_contract
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT conformance)
 
-# The port's own headers (osal/posix/) are not part of the interface.
-install(DIRECTORY
-    ${PROJECT_SOURCE_DIR}/framework/osal
-    ${PROJECT_SOURCE_DIR}/framework/logging
-    ${PROJECT_SOURCE_DIR}/framework/utils
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  COMPONENT vekosal
-  FILES_MATCHING PATTERN "*.h"
-  PATTERN "posix" EXCLUDE)
+# The interface is the headers directly in osal/, logging/ and utils/. A
+# port's folder (osal/<port>/) holds its private headers, of any port,
+# whichever one is built: none of them is installed.
+foreach(dir osal logging utils)
+  file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/framework/${dir}/*.h)
+  install(FILES ${headers}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir}
+    COMPONENT vekosal)
+endforeach()
 
 install(EXPORT vekosalTargets
   NAMESPACE vekosal::

@@ -6,9 +6,14 @@
 # random, so a machine that slows down for a while slows down both sides.
 # Optionally it also times whole runs of the conformance executable.
 #
+# It also writes the report of the run: OUT_DIR/performance.md (machine,
+# command, table) and OUT_DIR/performance.svg, a chart of every ratio that
+# has a goal against that goal, drawn by gnuplot. A run of the conformance
+# executable alone (-r 0) only prints.
+#
 # Usage: tools/bench_report.sh [-b BUILD_DIR] [-r REPETITIONS]
 #                              [-t MIN_TIME] [-f FILTER] [-c CONFORMANCE_RUNS]
-#                              [-e EMULATOR]
+#                              [-e EMULATOR] [-o OUT_DIR]
 #   -b  build tree holding bin/vek_bench (default build/host)
 #   -r  repetitions per benchmark, of which the median counts (default 9);
 #       0 runs no benchmark, for timing the conformance run alone
@@ -19,17 +24,30 @@
 #   -e  run the conformance executable through this command, for a build
 #       of another architecture (for example "qemu-aarch64 -L
 #       /usr/aarch64-linux-gnu"); the goal is then 10 s instead of 1 s
+#   -o  folder of the report (default: docs/ of this project)
 #
-# Needs only a POSIX shell, awk and the coreutils of a fresh Debian.
+# Needs a POSIX shell, awk and the coreutils of a fresh Debian, and gnuplot
+# for the chart (Debian package gnuplot-nox).
 set -eu
 
+# The command as given, for the report.
+command="tools/bench_report.sh"
+for arg in "$@"; do
+  case $arg in
+    *[!A-Za-z0-9_./=:,+-]*) command="$command '$arg'" ;;
+    *) command="$command $arg" ;;
+  esac
+done
+
+root=$(cd "$(dirname "$0")/.." && pwd)
 build=build/host
 reps=9
 min_time=0.2
 filter=
 conformance_runs=0
 emulator=
-while getopts b:r:t:f:c:e:h opt; do
+out=$root/docs
+while getopts b:r:t:f:c:e:o:h opt; do
   case $opt in
     b) build=$OPTARG ;;
     r) reps=$OPTARG ;;
@@ -37,15 +55,31 @@ while getopts b:r:t:f:c:e:h opt; do
     f) filter=$OPTARG ;;
     c) conformance_runs=$OPTARG ;;
     e) emulator=$OPTARG ;;
-    *) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
+    o) out=$OPTARG ;;
+    *) sed -n '2,29p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
   esac
 done
+
+if [ "$reps" -eq 1 ]; then
+  echo "bench_report.sh: -r 1 gives no median; use 2 or more (or 0)" >&2
+  exit 2
+fi
+if [ "$reps" -gt 0 ] && ! command -v gnuplot >/dev/null 2>&1; then
+  echo "bench_report.sh: gnuplot not found; it draws $out/performance.svg." \
+    "Install the Debian package gnuplot-nox (./vek.sh deps host does)." >&2
+  exit 1
+fi
+
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT INT TERM
 
 load() { cut -d' ' -f1-3 /proc/loadavg 2>/dev/null || echo unknown; }
 
 model=$(lscpu 2>/dev/null | awk -F: '/^Model name/ { sub(/^[ \t]+/, "", $2); print $2; exit }')
-echo "Machine: ${model:-unknown CPU}, $(nproc) cores; $(uname -sr)"
-echo "Date:    $(date -u '+%Y-%m-%d %H:%M UTC')"
+machine="${model:-unknown CPU}, $(nproc) cores; $(uname -sr)"
+date=$(date -u '+%Y-%m-%d %H:%M UTC')
+echo "Machine: $machine"
+echo "Date:    $date"
 load_before=$(load)
 
 if [ "$reps" -gt 0 ]; then
@@ -56,10 +90,9 @@ if [ "$reps" -gt 0 ]; then
     exit 1
   fi
 
-  csv=$(mktemp)
-  trap 'rm -f "$csv"' EXIT INT TERM
-
-  echo "Run:     $reps repetitions x ${min_time}s, random interleaving, median"
+  csv=$tmp/bench.csv
+  run="$reps repetitions x ${min_time}s, random interleaving, median"
+  echo "Run:     $run"
 
   set -- --benchmark_repetitions="$reps" \
     --benchmark_report_aggregates_only=true \
@@ -73,7 +106,8 @@ if [ "$reps" -gt 0 ]; then
   order=$("$bench" --benchmark_list_tests=true ${filter:+--benchmark_filter="$filter"} |
     cut -d/ -f1-2 | tr '\n' ' ')
 
-  echo "Load:    $load_before before, $(load) after (1, 5, 15 min averages)"
+  load_line="$load_before before, $(load) after (1, 5, 15 min averages)"
+  echo "Load:    $load_line"
   echo
 
   # Rows are "<operation>/<implementation>[/real_time]_<aggregate>"; "vek" is
@@ -82,7 +116,9 @@ if [ "$reps" -gt 0 ]; then
   # does not inflate. A reference's label "goal=R" is the largest ratio
   # ours/reference that meets the goal; our row's label "max_ns=N" an
   # absolute bound on our time.
-  awk -F, -v order="$order" '
+  # Besides the table, one line per ratio with a goal for the chart:
+  # "<operation> vs <reference>", ratio, goal, 1 if met.
+  awk -F, -v order="$order" -v chart="$tmp/chart.tsv" '
   function ns(value, unit) {
     if (unit == "us") return value * 1e3
     if (unit == "ms") return value * 1e6
@@ -174,6 +210,8 @@ if [ "$reps" -gt 0 ]; then
           goal = substr(ref_label[op, k], 6)
           if (ratio <= goal + 0) { verdict = "met"; met++ }
           else { verdict = "MISSED"; missed++ }
+          printf "%s vs %s\t%.4f\t%s\t%d\n", op, ref_impl[op, k], ratio, \
+            goal, verdict == "met" > chart
           goal = "<=" goal
         }
         allocs = ""
@@ -192,7 +230,7 @@ if [ "$reps" -gt 0 ]; then
       }
     }
     printf "\nGoals: %d met, %d missed\n", met, missed
-  }' "$csv"
+  }' "$csv" | tee "$tmp/table.txt"
 fi
 
 if [ "$conformance_runs" -gt 0 ]; then
@@ -231,5 +269,77 @@ if [ "$conformance_runs" -gt 0 ]; then
         "vek_ut_osal_common", how, m / 1000, NR, t[1] / 1000, t[NR] / 1000, \
         goal / 1000, m / 1000 < goal ? "met" : "MISSED", \
         status == 0 ? "" : ", SOME RUNS FAILED (exit " status ")"
-    }'
+    }' | tee "$tmp/conformance.txt"
+fi
+
+[ "$reps" -gt 0 ] || exit 0
+
+# The chart: a bar per ratio, a tick at its goal, green where the goal is
+# met and red where it is missed; the dotted line is parity.
+mkdir -p "$out"
+chart_rows=0
+[ -s "$tmp/chart.tsv" ] && chart_rows=$(wc -l <"$tmp/chart.tsv")
+if [ "$chart_rows" -gt 0 ]; then
+  xmax=$(awk -F'\t' '{ m = ($2 > m) ? $2 : m; m = ($3 > m) ? $3 : m }
+    END { printf "%.2f", m * 1.15 }' "$tmp/chart.tsv")
+  gnuplot <<GNUPLOT
+set terminal svg size 900,$((80 + 24 * chart_rows)) noenhanced font "sans,11" background "white"
+set output "$out/performance.svg"
+set datafile separator "\t"
+set title "Ratio ours / reference (bar) and its goal (tick)"
+set xlabel "ratio; lower is faster"
+set xrange [0:$xmax]
+set yrange [$chart_rows - 0.5:-0.5]
+set ytics nomirror
+set grid xtics
+set key off
+set style fill solid 0.85 noborder
+set arrow from 1, graph 0 to 1, graph 1 nohead dashtype 3 lc rgb "gray40"
+plot "$tmp/chart.tsv" using (\$2/2):0:(\$2/2):(0.35):(\$4 > 0 ? 0x2e8b57 : 0xcd3333):ytic(1) with boxxyerror lc rgb variable, \\
+  "" using 3:(\$0 - 0.45):(0):(0.9) with vectors nohead lw 2 lc rgb "black", \\
+  "" using (\$2 > \$3 ? \$2 : \$3):0:(sprintf(" %.2f", \$2)) with labels left
+GNUPLOT
+  chart="![Each ratio with a goal: the bar ends at the ratio, the tick marks the goal; green met, red missed](performance.svg)"
+else
+  rm -f "$out/performance.svg"
+  chart="(No benchmark of this run has a goal, so there is no chart.)"
+fi
+
+sources=unknown
+if commit=$(git -C "$root" rev-parse --short HEAD 2>/dev/null); then
+  sources="commit $commit"
+  [ -z "$(git -C "$root" status --porcelain --untracked-files=no)" ] ||
+    sources="$sources with local changes"
+fi
+{
+  echo "# Performance"
+  echo
+  echo "<!-- Generated by tools/bench_report.sh; run it again rather than"
+  echo "     editing this file. -->"
+  echo
+  echo "Made with \`$command\` from $sources."
+  echo
+  echo "- Machine: $machine"
+  echo "- Date: $date"
+  echo "- Run: $run"
+  echo "- Load: $load_line"
+  echo
+  echo "Ratio = our time / the reference's time; a goal is the largest ratio"
+  echo "that meets it. Blocking rows are timed in wall-clock time, the others"
+  echo "in CPU time."
+  echo
+  echo "$chart"
+  echo
+  echo '```'
+  cat "$tmp/table.txt"
+  if [ -s "$tmp/conformance.txt" ]; then
+    cat "$tmp/conformance.txt"
+  fi
+  echo '```'
+} >"$out/performance.md"
+echo
+if [ "$chart_rows" -gt 0 ]; then
+  echo "Report: $out/performance.md, $out/performance.svg"
+else
+  echo "Report: $out/performance.md"
 fi

@@ -1,6 +1,11 @@
 // The framework's process-wide log configuration: one level mask per log
 // group, sixteen predefined groups with fixed tags and up to eight custom
 // groups created at run time under any tag.
+//
+// Logger::GetLogger and HandleLogConfigUpdate come from libvekosal, the
+// rest is inline. Where their contract leaves a choice, "Our library:" says
+// what this tree's libvekosal does (logging/vek_logger_core.cpp, built into
+// every port).
 #ifndef LOGGING_VEK_LOGGER_H_
 #define LOGGING_VEK_LOGGER_H_
 
@@ -66,8 +71,14 @@ struct LogConfigTargetGroup {
   std::string name;
 };
 
-// Applies a configuration update to its target group: kOk once the group's
-// statements see the new mask.
+// Applies an update of type 0 to its target group: sets the group's level
+// mask to log_mask and returns kOk, after which the group's statements see
+// the new mask. Any thread may call it; it waits only for the logger's
+// mutex. Our library: leaves `update` as it is and ignores param; refusals
+// change nothing. An update type other than 0, kErrNotSupported; a
+// predefined target naming no predefined tag, or a target type other than
+// 0 and 1, kErrParam. A custom target that does not exist yet is created
+// (kErrParam when eight exist already).
 VEK_EXPORT VekError
 HandleLogConfigUpdate(std::pair<LogConfigUpdate, LogConfigTargetGroup>& update);
 
@@ -99,8 +110,13 @@ class Logger {
     LogGroupConfig config;
   };
 
-  // The one logger of the process, ready for use. Never destroyed, so that
-  // threads and static destructors may log until the process ends.
+  // The one logger of the process, the same on every call, ready for use.
+  // Never destroyed, so that threads and static destructors may log until
+  // the process ends. Any thread may call it; a first call waits for
+  // another thread's first call to finish making the logger. Our library:
+  // the logger starts with Warning and Error (24) in every predefined mask
+  // and as the mask of new custom groups; if its mutex cannot be made, the
+  // process ends (trap) rather than log unguarded.
   VEK_EXPORT static Logger& GetLogger();
 
   // Tag of a predefined group; "vek-unassigned" for every value above 14.

@@ -1,5 +1,8 @@
 // Base class of a long-lived worker thread that sleeps on a condition
-// variable until work arrives and leaves when asked to.
+// variable until work arrives and leaves when asked to. Exported by
+// libvekosal; where its contract leaves a choice, "Our library:" says what
+// this tree's libvekosal does (utils/vek_worker_thread_base.cpp, built into
+// every port).
 //
 // The owner keeps the work, a mutex and a condition variable of its own;
 // the base starts and stops the thread and tells the loop when to leave.
@@ -19,19 +22,12 @@
 //
 // Testing the queue before the exit request drains queued work before the
 // thread leaves. The loop reads ThreadShouldExit() with the owner's mutex
-// held: Exit() sets the request and signals under that mutex, so a worker
-// cannot miss it between its test and its wait.
+// held: Exit() sets the request and wakes the worker under that mutex, so
+// the worker cannot miss it between its test and its wait.
 //
 // Threading: Start(), Exit() and the destructor are called by the owner,
-// one at a time (they are not meant to race each other), and never from
-// the worker thread itself (Exit() joins the worker).
-//
-// Destruction: the destructor of a still-running worker requests exit and
-// joins the thread, so no thread is leaked. By then the subclass's part of
-// the object is already gone, and a loop that still runs would use it. A
-// subclass whose loop touches its own members must therefore call Exit()
-// in its own destructor; the owner's mutex and condition variable must
-// outlive the running worker either way.
+// one at a time, never from the worker thread itself (Exit() joins it).
+// The owner's mutex and condition variable must outlive the running worker.
 #ifndef UTILS_VEK_WORKER_THREAD_BASE_H_
 #define UTILS_VEK_WORKER_THREAD_BASE_H_
 
@@ -45,28 +41,36 @@ namespace zov_vek {
 class VEK_EXPORT WorkerThreadBase {
  public:
   WorkerThreadBase();
+  // Our library: with a worker still running, logs a warning line in kOsal
+  // and calls Exit(). By then the subclass's part of the object is gone,
+  // and a loop that still runs would use it: a subclass whose loop touches
+  // its own members calls Exit() in its own destructor.
   virtual ~WorkerThreadBase();
 
   WorkerThreadBase(const WorkerThreadBase&) = delete;
   WorkerThreadBase& operator=(const WorkerThreadBase&) = delete;
 
   // Starts the worker thread, named `name`, on a library stack of
-  // `stack_size` bytes. `mutex` and `cond` are the owner's handle
-  // variables; they are remembered by reference and must hold valid
-  // handles until Exit() has returned. With `flag` true, returns only
-  // after the new thread has run OnThreadStarted(); with false, as soon as
-  // the thread exists.
-  //
-  // kErrBusy while a worker of this object runs (nothing is started and
-  // nothing changes); kErrParam for a null mutex or condition-variable
-  // handle; the thread operations' own codes when the thread cannot be
-  // created (a null or empty name, an unusable stack size).
+  // `stack_size` bytes; it runs OnThreadStarted(), then ThreadFunction().
+  // `mutex` and `cond` are the owner's handle variables, remembered by
+  // reference; they must hold valid handles until Exit() has returned.
+  // While a worker of this object runs, Start is refused and starts
+  // nothing; after Exit() it works again. With `flag` true, kOk means the
+  // worker runs. Our library: with `flag` true, blocks until the new thread
+  // has run OnThreadStarted(); with false, returns as soon as the thread
+  // exists. Refused while running: kErrBusy, with no log line and nothing
+  // changed. A null mutex or condition-variable handle: kErrParam. A
+  // thread that cannot be made (a name or stack size the OSAL refuses, no
+  // memory): the OSAL's code. Those log one error line in kOsal and release
+  // what the call made.
   VekError Start(void*& mutex, void*& cond, const char* name,
                  unsigned int stack_size, bool flag);
 
   // Requests exit under the owner's mutex, wakes the worker through the
-  // owner's condition variable, and joins the thread. kOk, also when no
-  // worker runs.
+  // owner's condition variable, and blocks until the thread has ended; kOk,
+  // also when no worker runs. Our library: wakes every waiter of the
+  // condition variable, not one; a join that fails returns its code, and
+  // the worker still counts as running, so a later Exit() tries again.
   VekError Exit();
 
   // True once Exit() has requested exit, until the next Start(). The loop
@@ -76,8 +80,8 @@ class VEK_EXPORT WorkerThreadBase {
  protected:
   // The body of the worker thread; returns when the thread is to end.
   virtual void ThreadFunction() = 0;
-  // Runs once on the new thread before ThreadFunction(). The base's version
-  // does nothing.
+  // Runs once on the new thread before ThreadFunction(). Our library: the
+  // base's version does nothing.
   virtual void OnThreadStarted();
 
  private:

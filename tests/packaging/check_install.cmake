@@ -1,9 +1,10 @@
 # Installs this build into a fresh prefix and uses it the way users do:
 # the installed executable runs from there with nothing on the search
-# path, and a project outside this tree finds the package, builds and runs.
+# path, and a project outside this tree finds the package, builds and runs;
+# so does one that builds this project as its subproject.
 #
-# -DBUILD_DIR=<this build> -DWORK_DIR=<folder> -DCONSUMER_DIR=<consumer/>
-# and the common variables.
+# -DBUILD_DIR=<this build> -DSOURCE_DIR=<this project> -DWORK_DIR=<folder>
+# -DCONSUMER_DIR=<consumer/> and the common variables.
 include(${CMAKE_CURRENT_LIST_DIR}/vek_packaging_common.cmake)
 
 set(prefix ${WORK_DIR}/prefix)
@@ -11,7 +12,8 @@ file(REMOVE_RECURSE ${WORK_DIR})
 vek_step("install" COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR}
   --prefix ${prefix})
 
-# The layout, soname links included; the port's own headers stay private.
+# The layout, soname links included; a port's own headers (osal/<port>/)
+# stay private.
 foreach(file
     bin/vek_ut_osal_common
     lib/libvekosal.so
@@ -31,7 +33,8 @@ foreach(file
     message(FATAL_ERROR "not installed: ${file}")
   endif()
 endforeach()
-file(GLOB_RECURSE private RELATIVE ${prefix} ${prefix}/include/*posix*)
+file(GLOB_RECURSE private RELATIVE ${prefix}/include ${prefix}/include/*)
+list(FILTER private INCLUDE REGEX "^osal/.*/")
 if(private)
   message(FATAL_ERROR "port-private files installed: ${private}")
 endif()
@@ -68,14 +71,24 @@ endif()
 string(REGEX MATCH "\\[  PASSED  \\] [0-9]+ tests?" passed "${exe_OUT}")
 message(STATUS "installed executable: ${passed}")
 
-# A consumer project outside the tree, in a folder of its own.
-vek_configure("configure the consumer" ${CONSUMER_DIR} ${WORK_DIR}/consumer
-  -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
-  -DCMAKE_PREFIX_PATH=${prefix})
-vek_step("build the consumer" COMMAND
-  ${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
-vek_run(consumer COMMAND ${WORK_DIR}/consumer/consumer)
-if(NOT consumer_RC EQUAL 0)
-  message(FATAL_ERROR "consumer failed (${consumer_RC}):\n${consumer_OUT}${consumer_ERR}")
-endif()
-vek_expect_port("consumer" "${consumer_OUT}" ${prefix}/lib)
+# A consumer project outside the tree, in a folder of its own: against the
+# installed package, then with this project as its subproject (whose
+# library lands in the consumer's own lib/).
+foreach(mode package subproject)
+  set(consumer ${WORK_DIR}/consumer-${mode})
+  set(port_dir ${prefix}/lib)
+  set(args -DCMAKE_PREFIX_PATH=${prefix})
+  if(mode STREQUAL "subproject")
+    set(port_dir ${consumer}/lib)
+    set(args -DVEKOSAL_SOURCE_DIR=${SOURCE_DIR})
+  endif()
+  vek_configure("configure the consumer (${mode})" ${CONSUMER_DIR} ${consumer}
+    -DCMAKE_BUILD_TYPE=${BUILD_TYPE} ${args})
+  vek_step("build the consumer (${mode})" COMMAND
+    ${CMAKE_COMMAND} --build ${consumer} --target consumer)
+  vek_run(consumer COMMAND ${consumer}/consumer)
+  if(NOT consumer_RC EQUAL 0)
+    message(FATAL_ERROR "consumer (${mode}) failed (${consumer_RC}):\n${consumer_OUT}${consumer_ERR}")
+  endif()
+  vek_expect_port("consumer (${mode})" "${consumer_OUT}" ${port_dir})
+endforeach()

@@ -23,10 +23,35 @@
 #include <new>
 
 #include "osal/posix/vek_futex.h"
-#include "osal/posix/vek_posix_error.h"
 #include "osal/vek_osal.h"
 
 namespace zov_vek {
+
+namespace posix {
+namespace {
+
+// The framework code of an error number that pthreads returned.
+VekError FromErrno(int rc) {
+  switch (rc) {
+    case 0:
+      return VekError::kOk;
+    case EBUSY:
+    case EAGAIN:
+      return VekError::kErrBusy;
+    case EINVAL:
+      return VekError::kErrParam;
+    case ENOMEM:
+      return VekError::kErrNoResource;
+    case ENOSYS:
+    case ENOTSUP:
+      return VekError::kErrNotSupported;
+    default:
+      return VekError::kErr;
+  }
+}
+
+}  // namespace
+}  // namespace posix
 
 namespace {
 
