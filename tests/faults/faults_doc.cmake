@@ -1,7 +1,8 @@
 # Writes docs/faults.md from the fault declarations of CMakeLists.txt: one
-# row per variant, "name|kind|does|catchers|contract catchers|projects",
-# kind being library, header (built into both executables) or
-# header-ut-only (no contract source includes the header).
+# row per variant, "name|kind|does|catchers|contract catchers|projects|
+# reached", kind being library, header (built into both executables) or
+# header-ut-only (no contract source includes the header), and reached OFF
+# when the conformance executable never makes the call the fault bends.
 
 function(vek_fault_cases_text cases out_var)
   if(cases STREQUAL "")
@@ -29,6 +30,7 @@ function(vek_fault_write_doc rows path)
     list(GET fields 3 catchers)
     list(GET fields 4 contract_catchers)
     list(GET fields 5 projects)
+    list(GET fields 6 reached)
     math(EXPR total "${total} + 1")
     if(kind STREQUAL "library")
       math(EXPR library "${library} + 1")
@@ -49,6 +51,9 @@ function(vek_fault_write_doc rows path)
       math(EXPR either "${either} + 1")
     endif()
     vek_fault_cases_text("${catchers}" ut_text)
+    if(NOT reached)
+      string(APPEND ut_text " (never reaches it)")
+    endif()
     if(kind STREQUAL "header-ut-only")
       set(contract_text "(does not include the header)")
     else()

@@ -4,6 +4,7 @@
 #         -DNAME=<test name> -DDEADLINE=<s> -DMAX_SECONDS=<s>
 #         [-DRUNNER=<vek_ut_runner>] [-DPRELOAD=<lib> -DFAULT=<name>]
 #         [-DEXPECT=<caught|passes>] [-DCATCHERS=<Suite.Case,...>] [-DEXACT=ON]
+#         [-DINJECTED=never]
 #         [-DREFERENCE=<program whose case list EXE must share>]
 #         -P run_fault.cmake
 #
@@ -15,7 +16,8 @@
 # plain:   EXE runs alone; it must end within DEADLINE plus a few seconds
 #          with status 1, reporting the one CATCHERS case as hung.
 # project: EXE is a project test; it must fail.
-# With FAULT, the preloaded library must report that it bent a call.
+# With FAULT, the preloaded library must report that it bent a call; with
+# INJECTED=never, that it bent none (the program never makes that call).
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -101,7 +103,11 @@ message(STATUS "${NAME}: exit status ${rc} after ${elapsed_ms} ms")
 
 if(DEFINED FAULT AND NOT FAULT STREQUAL "" AND NOT FAULT STREQUAL "none")
   string(FIND "${err}" "vek-fault: injected ${FAULT}\n" at)
-  if(at EQUAL -1)
+  if(INJECTED STREQUAL "never")
+    if(NOT at EQUAL -1)
+      problem("the fault ${FAULT} bent a call that this run should not make")
+    endif()
+  elseif(at EQUAL -1)
     problem("the fault ${FAULT} never bent a call")
   endif()
 endif()
