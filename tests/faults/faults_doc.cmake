@@ -1,7 +1,9 @@
 # Writes docs/faults.md from the fault declarations of CMakeLists.txt: one
 # row per variant, "name|kind|does|catchers|contract catchers|projects|
-# log check problems", kind being library, header (built into both
-# executables) or header-ut-only (no contract source includes the header).
+# reached|log check problems", kind being library, header (built into both
+# executables) or header-ut-only (no contract source includes the header),
+# and reached OFF when the conformance executable never makes the call the
+# fault bends.
 
 function(vek_fault_cases_text cases out_var)
   if(cases STREQUAL "")
@@ -30,7 +32,8 @@ function(vek_fault_write_doc rows path)
     list(GET fields 3 catchers)
     list(GET fields 4 contract_catchers)
     list(GET fields 5 projects)
-    list(GET fields 6 log_problems)
+    list(GET fields 6 reached)
+    list(GET fields 7 log_problems)
     math(EXPR total "${total} + 1")
     if(kind STREQUAL "library")
       math(EXPR library "${library} + 1")
@@ -51,6 +54,9 @@ function(vek_fault_write_doc rows path)
       math(EXPR either "${either} + 1")
     endif()
     vek_fault_cases_text("${catchers}" ut_text)
+    if(NOT reached)
+      string(APPEND ut_text " (never reaches it)")
+    endif()
     if(NOT log_problems STREQUAL "")
       if(catchers STREQUAL "")
         math(EXPR log_only "${log_only} + 1")

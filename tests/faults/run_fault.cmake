@@ -4,6 +4,7 @@
 #         -DNAME=<test name> -DDEADLINE=<s> -DMAX_SECONDS=<s>
 #         [-DRUNNER=<vek_ut_runner>] [-DPRELOAD=<lib> -DFAULT=<name>]
 #         [-DEXPECT=<caught|passes>] [-DCATCHERS=<Suite.Case,...>] [-DEXACT=ON]
+#         [-DINJECTED=never]
 #         [-DREFERENCE=<program whose case list EXE must share>]
 #         [-DCHECK_LOG=ON -DLOGCHECK=<vek_ut_logcheck> -DLOG_PROBLEMS=<problem>|...]
 #         -P run_fault.cmake
@@ -20,7 +21,8 @@
 # logcheck: EXE runs alone and passes; vek_ut_logcheck on its standard
 #          error exits 1 and reports the LOG_PROBLEMS.
 # project: EXE is a project test; it must fail.
-# With FAULT, the preloaded library must report that it bent a call.
+# With FAULT, the preloaded library must report that it bent a call; with
+# INJECTED=never, that it bent none (the program never makes that call).
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -120,7 +122,11 @@ message(STATUS "${NAME}: exit status ${rc} after ${elapsed_ms} ms")
 
 if(DEFINED FAULT AND NOT FAULT STREQUAL "" AND NOT FAULT STREQUAL "none")
   string(FIND "${err}" "vek-fault: injected ${FAULT}\n" at)
-  if(at EQUAL -1)
+  if(INJECTED STREQUAL "never")
+    if(NOT at EQUAL -1)
+      problem("the fault ${FAULT} bent a call that this run should not make")
+    endif()
+  elseif(at EQUAL -1)
     problem("the fault ${FAULT} never bent a call")
   endif()
 endif()

@@ -14,6 +14,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -24,6 +25,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -53,19 +56,29 @@ namespace vek_fault {
   /* A recursive mutex: the holder's try-lock succeeds and counts. */      \
   X(kMutexTryLockRecursive, "mutex-trylock-recursive")                     \
   X(kMutexTryLockBlocks, "mutex-trylock-blocks")                           \
+  /* A locker that has waited 10 ms sleeps; no unlock ever wakes it. */    \
+  X(kMutexSleeperNeverWoken, "mutex-sleeper-never-woken")                  \
   X(kSemInitNullCrash, "sem-init-null-crash")                              \
   /* 65536 and above are clamped to the maximum instead of refused. */     \
   X(kSemInitAcceptsAboveMax, "sem-init-accepts-65536")                     \
+  /* A refused count clears the caller's handle before it is refused. */   \
+  X(kSemInitRefusedWritesHandle, "sem-init-refused-writes-handle")         \
   X(kSemDestroyNullAccepted, "sem-destroy-null-accepted")                  \
   X(kSemPostTwice, "sem-post-adds-two")                                    \
+  /* Wakes a sleeper only when the count was 0 before the post. */         \
+  X(kSemPostWakesOnlyFromZero, "sem-post-wakes-only-from-zero")            \
   /* Waits for a count above 0 but does not take one. */                   \
   X(kSemWaitKeepsCount, "sem-wait-keeps-count")                            \
   X(kSemTryWaitSucceedsAtZero, "sem-trywait-succeeds-at-zero")             \
   X(kSemTryWaitBlocks, "sem-trywait-blocks")                               \
   /* Returns kOk and leaves the caller's int as it was. */                 \
   X(kSemGetValueUnwritten, "sem-getvalue-unwritten")                       \
+  /* At count 0, reports the threads asleep in OsalSemWait as minus. */    \
+  X(kSemGetValueCountsSleepers, "sem-getvalue-counts-sleepers")            \
   X(kCondInitNullCrash, "cond-init-null-crash")                            \
   X(kCondDestroyNullAccepted, "cond-destroy-null-accepted")                \
+  /* Releases the caller's mutex before it looks at the condition. */      \
+  X(kCondWaitNullReleasesMutex, "cond-wait-null-releases-mutex")           \
   /* This one, the next and worker-exit-only-sets-flag show only when */   \
   /* a worker thread already waits as the main thread goes on; with */     \
   /* them, the main thread's semaphore waits return 50 ms late, as any */  \
@@ -342,6 +355,72 @@ void* PrivateMutex() {
   return mutex;
 }
 
+// Per semaphore: the threads inside OsalSemWait that found it at 0, and the
+// wake-ups that posts owe them.
+struct SemSleepers {
+  std::mutex mutex;
+  std::condition_variable woken;
+  std::unordered_map<void*, int> asleep;
+  std::unordered_map<void*, int> wakes;
+};
+
+SemSleepers& Sleepers() {
+  static auto* const sleepers = new SemSleepers;
+  return *sleepers;
+}
+
+// Takes a token, or sleeps until a post that found the count at 0 wakes
+// it; a post that finds tokens left wakes nobody. A woken thread runs 1 ms
+// later, as any port's may under load, so that posts made meanwhile find
+// the count above 0 in every run rather than by the luck of the scheduler.
+VekError WaitForWakeFromZero(void* sem) {
+  VEK_REAL(try_wait, VekError(*)(void*), kSemTryWait);
+  SemSleepers& s = Sleepers();
+  std::unique_lock<std::mutex> lock(s.mutex);
+  ++s.asleep[sem];
+  for (bool woken = false;; woken = true) {
+    lock.unlock();
+    if (woken) {
+      const struct timespec delay = {0, 1000 * 1000};
+      nanosleep(&delay, nullptr);
+    }
+    const bool took = try_wait(sem) == VekError::kOk;
+    lock.lock();
+    if (took) break;
+    Injected();
+    s.woken.wait(lock, [&] { return s.wakes[sem] > 0; });
+    --s.wakes[sem];
+  }
+  if (--s.asleep[sem] == 0) {
+    s.asleep.erase(sem);
+    s.wakes.erase(sem);
+  }
+  return VekError::kOk;
+}
+
+// A real wait, counted among the sleepers when it finds the count at 0.
+VekError CountedWait(void* sem) {
+  VEK_REAL(real, VekError(*)(void*), kSemWait);
+  VEK_REAL(try_wait, VekError(*)(void*), kSemTryWait);
+  if (try_wait(sem) == VekError::kOk) return VekError::kOk;
+  SemSleepers& s = Sleepers();
+  {
+    std::lock_guard<std::mutex> lock(s.mutex);
+    ++s.asleep[sem];
+  }
+  const VekError err = real(sem);
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (--s.asleep[sem] == 0) s.asleep.erase(sem);
+  return err;
+}
+
+int SleeperCount(void* sem) {
+  SemSleepers& s = Sleepers();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  const auto found = s.asleep.find(sem);
+  return found == s.asleep.end() ? 0 : found->second;
+}
+
 // True while WorkerThreadBase::Exit runs on this thread.
 thread_local bool t_in_worker_exit = false;
 
@@ -587,6 +666,19 @@ VekError OsalMutexLock(void* mutex) {
     Injected();
     return VekError::kOk;
   }
+  if (mutex != nullptr && Active(Fault::kMutexSleeperNeverWoken)) {
+    VEK_REAL(try_lock, VekError(*)(void*), kMutexTryLock);
+    const auto until =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(10);
+    while (try_lock(mutex) != VekError::kOk) {
+      if (std::chrono::steady_clock::now() > until) {
+        Injected();
+        for (;;) pause();
+      }
+      sched_yield();
+    }
+    return VekError::kOk;
+  }
   const VekError err = real(mutex);
   if (err == VekError::kOk && Active(Fault::kMutexTryLockRecursive)) {
     t_held[mutex] = 1;
@@ -648,6 +740,11 @@ VekError OsalSemInit(void** sem, unsigned int value) {
     real(&made, value);
     UseNull(sem);
   }
+  if (sem != nullptr && value > kOsalSemaphoreMaxValue &&
+      Active(Fault::kSemInitRefusedWritesHandle)) {
+    Injected();
+    *sem = nullptr;
+  }
   if (value > kOsalSemaphoreMaxValue &&
       Active(Fault::kSemInitAcceptsAboveMax)) {
     Injected();
@@ -671,6 +768,19 @@ VekError OsalSemDestroy(void* sem) {
 
 VekError OsalSemPost(void* sem) {
   VEK_REAL(real, VekError(*)(void*), kSemPost);
+  if (sem != nullptr && Active(Fault::kSemPostWakesOnlyFromZero)) {
+    VEK_REAL(get_value, VekError(*)(void*, int*), kSemGetValue);
+    int before = -1;
+    get_value(sem, &before);
+    const VekError err = real(sem);
+    SemSleepers& s = Sleepers();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (err == VekError::kOk && before == 0 && s.asleep.count(sem) != 0) {
+      ++s.wakes[sem];
+      s.woken.notify_all();
+    }
+    return err;
+  }
   const VekError err = real(sem);
   if (err == VekError::kOk && Active(Fault::kSemPostTwice)) {
     Injected();
@@ -682,6 +792,12 @@ VekError OsalSemPost(void* sem) {
 VekError OsalSemWait(void* sem) {
   VEK_REAL(real, VekError(*)(void*), kSemWait);
   VEK_REAL(post, VekError(*)(void*), kSemPost);
+  if (sem != nullptr && Active(Fault::kSemPostWakesOnlyFromZero)) {
+    return WaitForWakeFromZero(sem);
+  }
+  if (sem != nullptr && Active(Fault::kSemGetValueCountsSleepers)) {
+    return CountedWait(sem);
+  }
   const VekError err = real(sem);
   if (err == VekError::kOk && Active(Fault::kSemWaitKeepsCount)) {
     Injected();
@@ -714,7 +830,16 @@ VekError OsalSemGetValue(void* sem, int* value) {
     Injected();
     return VekError::kOk;
   }
-  return real(sem, value);
+  const VekError err = real(sem, value);
+  if (err == VekError::kOk && value != nullptr && *value == 0 &&
+      Active(Fault::kSemGetValueCountsSleepers)) {
+    const int asleep = SleeperCount(sem);
+    if (asleep != 0) {
+      Injected();
+      *value = -asleep;
+    }
+  }
+  return err;
 }
 
 // --- Condition variable ---------------------------------------------------
@@ -742,6 +867,12 @@ VekError OsalCondWait(void* cond, void* mutex) {
   VEK_REAL(real, VekError(*)(void*, void*), kCondWait);
   VEK_REAL(lock, VekError(*)(void*), kMutexLock);
   VEK_REAL(unlock, VekError(*)(void*), kMutexUnlock);
+  if (cond == nullptr && mutex != nullptr &&
+      Active(Fault::kCondWaitNullReleasesMutex)) {
+    Injected();
+    unlock(mutex);
+    return real(cond, mutex);
+  }
   if (cond != nullptr && mutex != nullptr &&
       Active(Fault::kCondWaitKeepsMutex)) {
     // Waits on a mutex of its own: the caller's stays locked throughout.
