@@ -6,6 +6,7 @@
 #         [-DEXPECT=<caught|passes>] [-DCATCHERS=<Suite.Case,...>] [-DEXACT=ON]
 #         [-DINJECTED=never]
 #         [-DREFERENCE=<program whose case list EXE must share>]
+#         [-DCHECK_LOG=ON -DLOGCHECK=<vek_ut_logcheck> -DLOG_PROBLEMS=<problem>|...]
 #         -P run_fault.cmake
 #
 # runner:  EXE runs under the supervised runner with a per-case deadline.
@@ -15,6 +16,10 @@
 #          whole run ends within MAX_SECONDS.
 # plain:   EXE runs alone; it must end within DEADLINE plus a few seconds
 #          with status 1, reporting the one CATCHERS case as hung.
+#          With CHECK_LOG the runner checks the log too: every case passes,
+#          the log check fails and reports the LOG_PROBLEMS.
+# logcheck: EXE runs alone and passes; vek_ut_logcheck on its standard
+#          error exits 1 and reports the LOG_PROBLEMS.
 # project: EXE is a project test; it must fail.
 # With FAULT, the preloaded library must report that it bent a call; with
 # INJECTED=never, that it bent none (the program never makes that call).
@@ -30,6 +35,8 @@ if(NOT DEFINED EXPECT)
   set(EXPECT caught)
 endif()
 string(REPLACE "," ";" catchers "${CATCHERS}")
+string(REPLACE "|" ";" log_problems "${LOG_PROBLEMS}")
+set(log_entry vek_ut_logcheck.SystemLog)
 file(MAKE_DIRECTORY "${WORK_DIR}")
 
 # The cases of a program, "Suite.Case" in run order.
@@ -70,10 +77,13 @@ file(REMOVE "${xml}")
 if(MODE STREQUAL "runner")
   set(command "${RUNNER}" "--exe=${EXE}" "--case-timeout=${DEADLINE}"
       "--xml=${xml}")
+  if(CHECK_LOG)
+    list(APPEND command --check-log)
+  endif()
 elseif(MODE STREQUAL "plain")
   list(APPEND env_args "VEK_UT_CASE_TIMEOUT_S=${DEADLINE}")
   set(command "${EXE}")
-elseif(MODE STREQUAL "project")
+elseif(MODE STREQUAL "project" OR MODE STREQUAL "logcheck")
   set(command "${EXE}")
 else()
   message(FATAL_ERROR "run_fault.cmake: unknown MODE ${MODE}")
@@ -93,6 +103,15 @@ file(WRITE "${WORK_DIR}/${NAME}.err" "${err}")
 set(problems "")
 macro(problem text)
   string(APPEND problems "  ${text}\n")
+endmacro()
+# The log check's report must hold every one of LOG_PROBLEMS.
+macro(reports_problems report)
+  foreach(expected IN LISTS log_problems)
+    string(FIND "${report}" ": ${expected}" at)
+    if(at EQUAL -1)
+      problem("the log check does not report ${expected}")
+    endif()
+  endforeach()
 endmacro()
 
 if(NOT rc MATCHES "^[0-9]+$")
@@ -116,6 +135,17 @@ if(MODE STREQUAL "project")
   if(rc EQUAL 0)
     problem("the project test passed")
   endif()
+elseif(MODE STREQUAL "logcheck")
+  if(NOT rc EQUAL 0)
+    problem("the run failed (status ${rc}); its cases must pass")
+  endif()
+  execute_process(COMMAND "${LOGCHECK}" "${WORK_DIR}/${NAME}.err"
+    OUTPUT_VARIABLE report RESULT_VARIABLE check_rc TIMEOUT 120)
+  file(WRITE "${WORK_DIR}/${NAME}.check" "${report}")
+  if(NOT check_rc EQUAL 1)
+    problem("vek_ut_logcheck exited with ${check_rc}, not 1")
+  endif()
+  reports_problems("${report}")
 elseif(MODE STREQUAL "plain")
   list(LENGTH catchers count)
   if(NOT count EQUAL 1)
@@ -164,6 +194,12 @@ else()
     endif()
   endforeach()
 
+  if(CHECK_LOG)
+    list(POP_BACK reported entry)
+    if(NOT entry STREQUAL log_entry)
+      problem("the runner reported no ${log_entry} last")
+    endif()
+  endif()
   list_cases("${EXE}" planned)
   if(NOT reported STREQUAL planned)
     list(LENGTH reported reported_count)
@@ -182,7 +218,12 @@ else()
   string(REPLACE ";" "\n    " failed_text "${failed_how}")
   message(STATUS "${NAME}: ${failed_count} of ${reported_count} cases failed\n    ${failed_text}")
 
-  if(EXPECT STREQUAL "passes")
+  if(CHECK_LOG)
+    if(rc EQUAL 0 OR NOT failed STREQUAL log_entry)
+      problem("the log check alone must fail the run (status ${rc})")
+    endif()
+    reports_problems("${out}")
+  elseif(EXPECT STREQUAL "passes")
     if(NOT rc EQUAL 0 OR NOT failed_count EQUAL 0)
       problem("the run did not pass (status ${rc})")
     endif()

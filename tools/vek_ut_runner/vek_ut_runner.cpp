@@ -10,6 +10,10 @@
 // summaries of the single runs by one for the whole run, and can write one
 // JUnit XML file. A run without trouble prints what a plain run prints.
 //
+// With --check-log (host only) it also keeps what each process wrote to
+// standard error, the system log of a host, and has vek_ut_logcheck hold it
+// to the lines that the cases the process ran must write.
+//
 // Dependency-free on purpose: it must run on a fresh machine and on a
 // device next to the executable.
 
@@ -59,10 +63,15 @@ constexpr int kUsageError = 2;
 constexpr unsigned int kSilenceGraceS = 10;
 
 constexpr char kDefaultExecutable[] = "vek_ut_osal_common";
+constexpr char kLogChecker[] = "vek_ut_logcheck";
+// The entry of the log check in the summary and the XML report.
+constexpr char kLogCheckSuite[] = "vek_ut_logcheck";
+constexpr char kLogCheckName[] = "SystemLog";
 
 constexpr char kUsage[] =
     "usage: vek_ut_runner [--exe=<program>] [--case-timeout=<s>] "
-    "[--xml=<file>] [googletest options...]\n"
+    "[--xml=<file>]\n"
+    "                     [--check-log] [googletest options...]\n"
     "\n"
     "Runs <program> (default: vek_ut_osal_common next to this runner) on\n"
     "the cases that its options select. When a case hangs or crashes, the\n"
@@ -75,6 +84,10 @@ constexpr char kUsage[] =
     "  --case-timeout=<s>  per-case deadline in whole seconds (sets\n"
     "                      VEK_UT_CASE_TIMEOUT_S; 0 disables; default 60)\n"
     "  --xml=<file>        also write one JUnit XML report of the whole run\n"
+    "  --check-log         hold each process's standard error (the system\n"
+    "                      log on a host) to the lines that its cases must\n"
+    "                      write (vek_ut_logcheck, next to this runner);\n"
+    "                      one more entry: vek_ut_logcheck.SystemLog\n"
     "  --help              this text\n"
     "\n"
     "Every other argument goes to <program>. --gtest_output and\n"
@@ -138,6 +151,7 @@ struct Options {
   std::string xml_path;
   bool has_case_timeout = false;
   unsigned int case_timeout_s = 0;
+  bool check_log = false;
   bool help = false;
   std::vector<std::string> passed_on;  // to the executable, in order
 };
@@ -155,6 +169,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
     std::string value;
     if (arg == "--help" || arg == "-h") {
       options->help = true;
+    } else if (arg == "--check-log") {
+      options->check_log = true;
     } else if (TakeValue(arg, "--exe=", &value)) {
       if (value.empty()) {
         *error = "--exe needs a program";
@@ -249,18 +265,20 @@ GtestFlags ResolveFlags(const std::vector<std::string>& args) {
   return flags;
 }
 
-std::string DefaultExecutable() {
+// A program of the build, next to this runner.
+std::string NextToRunner(const char* program) {
   char self[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (length <= 0) return kDefaultExecutable;
+  if (length <= 0) return program;
   std::string path(self, static_cast<size_t>(length));
   const size_t slash = path.rfind('/');
-  return path.substr(0, slash + 1) + kDefaultExecutable;
+  return path.substr(0, slash + 1) + program;
 }
 
 // --- One run of the executable --------------------------------------------
 
 struct ChildEnd {
+  pid_t pid = 0;
   int status = 0;              // as waitpid gives it
   bool killed_silent = false;  // killed by the runner for its silence
   int64_t silent_s = 0;
@@ -299,8 +317,13 @@ struct ChildHooks {
   std::function<void(std::string_view)> on_output;
   // Each record, without its newline.
   std::function<void(std::string_view)> on_record;
+  // What the child writes to standard error, as it comes; unset, the child
+  // writes to the runner's.
+  std::function<void(std::string_view)> on_error;
   // The silence limit in seconds as the run goes on (0: none).
   std::function<int64_t()> silence_limit_s;
+  // The child's standard input, if not the runner's.
+  int input_fd = -1;
 };
 
 // The words that start the executable: on a cross build, the emulator that
@@ -335,6 +358,15 @@ ChildEnd RunChild(const std::string& executable,
     close(output[1]);
     return end;
   }
+  int errors[2] = {-1, -1};
+  if (hooks.on_error && pipe2(errors, O_CLOEXEC) != 0) {
+    end.start_failed = true;
+    end.start_errno = errno;
+    for (const int fd : {output[0], output[1], records[0], records[1]}) {
+      close(fd);
+    }
+    return end;
+  }
 
   // Everything the child needs is built before fork().
   std::vector<std::string> env_strings;
@@ -366,6 +398,8 @@ ChildEnd RunChild(const std::string& executable,
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(output[1], STDOUT_FILENO);
+    if (errors[1] >= 0) dup2(errors[1], STDERR_FILENO);
+    if (hooks.input_fd >= 0) dup2(hooks.input_fd, STDIN_FILENO);
     fcntl(records[1], F_SETFD, 0);
     // The runner ignores SIGPIPE; the executable gets the usual action.
     signal(SIGPIPE, SIG_DFL);
@@ -377,13 +411,16 @@ ChildEnd RunChild(const std::string& executable,
   }
   close(output[1]);
   close(records[1]);
+  if (errors[1] >= 0) close(errors[1]);
   if (pid < 0) {
     end.start_failed = true;
     end.start_errno = errno;
     close(output[0]);
     close(records[0]);
+    if (errors[0] >= 0) close(errors[0]);
     return end;
   }
+  end.pid = pid;
 
   LineSplitter output_lines;
   LineSplitter record_lines;
@@ -393,15 +430,16 @@ ChildEnd RunChild(const std::string& executable,
   };
   // Records first: the ones written before a line of output are then taken
   // before that line.
-  struct pollfd fds[2] = {{records[0], POLLIN, 0}, {output[0], POLLIN, 0}};
+  struct pollfd fds[3] = {
+      {records[0], POLLIN, 0}, {output[0], POLLIN, 0}, {errors[0], POLLIN, 0}};
   int64_t last_record = started;
   bool reaped = false;
   while (true) {
     // Once the child is gone, take what is left without waiting: a
     // grandchild may still hold the descriptors open. (poll skips closed
     // entries, and with none left it only waits.)
-    const int ready = poll(fds, 2, reaped ? 0 : 100);
-    for (int i = 0; ready > 0 && i < 2; ++i) {
+    const int ready = poll(fds, 3, reaped ? 0 : 100);
+    for (int i = 0; ready > 0 && i < 3; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       char buffer[65536];
       const ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
@@ -409,8 +447,10 @@ ChildEnd RunChild(const std::string& executable,
         if (i == 0) {
           last_record = MonotonicMs();
           record_lines.Feed(buffer, static_cast<size_t>(n), on_record);
-        } else {
+        } else if (i == 1) {
           output_lines.Feed(buffer, static_cast<size_t>(n), hooks.on_output);
+        } else {
+          hooks.on_error(std::string_view(buffer, static_cast<size_t>(n)));
         }
       } else if (n == 0 || errno != EINTR) {
         close(fds[i].fd);
@@ -434,7 +474,7 @@ ChildEnd RunChild(const std::string& executable,
       }
     }
   }
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 0; i < 3; ++i) {
     if (fds[i].fd >= 0) close(fds[i].fd);
   }
   record_lines.Finish(on_record);
@@ -508,6 +548,14 @@ class ReportFilter {
 
 // --- The supervised run ---------------------------------------------------
 
+// What one process of the executable wrote to standard error, and the
+// cases it started.
+struct ProcessLog {
+  pid_t pid = 0;
+  std::string errors;
+  std::vector<size_t> cases;  // into the verdict book
+};
+
 class Supervisor {
  public:
   Supervisor(const Options& options, const GtestFlags& flags,
@@ -560,6 +608,7 @@ class Supervisor {
       }
       restart = true;
     }
+    if (options_.check_log) CheckLog();
 
     ClosingStyle style;
     style.brief = flags_.brief;
@@ -630,11 +679,102 @@ class Supervisor {
     hooks.silence_limit_s = [&]() -> int64_t {
       return heard ? SilenceLimitS() : 0;
     };
+    ProcessLog log;
+    std::vector<bool> started_before;
+    if (options_.check_log) {
+      hooks.on_error = [&log](std::string_view text) {
+        fwrite(text.data(), 1, text.size(), stderr);
+        log.errors += text;
+      };
+      for (const CaseVerdict& verdict : book_->cases()) {
+        started_before.push_back(verdict.started);
+      }
+    }
     const ChildEnd end = RunChild(options_.executable, args, extra_env_, hooks);
     filter.End();
     total_ms_ += end.elapsed_ms;
     *speaks = heard;
+    if (options_.check_log) {
+      log.pid = end.pid;
+      for (size_t i = 0; i < started_before.size(); ++i) {
+        if (book_->cases()[i].started && !started_before[i]) {
+          log.cases.push_back(i);
+        }
+      }
+      if (!log.cases.empty()) process_logs_.push_back(std::move(log));
+    }
     return end;
+  }
+
+  // Each process is a run of the cases it started, however it ended; its
+  // standard error is held to what they must write. The verdict is one
+  // more entry of the run.
+  void CheckLog() {
+    const std::string name = std::string(kLogCheckSuite) + "." + kLogCheckName;
+    WriteOut("[ RUN      ] " + name + "\n");
+    const int64_t started = MonotonicMs();
+    const int64_t start_epoch_ms = EpochMs();
+    std::string report;
+    bool passed = true;
+    for (const ProcessLog& log : process_logs_) {
+      passed &= CheckProcessLog(log, &report);
+    }
+    const int64_t elapsed_ms = MonotonicMs() - started;
+    WriteOut((passed ? "[       OK ] " : "[  FAILED  ] ") + name + " (" +
+             std::to_string(elapsed_ms) + " ms)\n");
+    book_->AddCheck(kLogCheckSuite, kLogCheckName, passed, kLogChecker, report,
+                    start_epoch_ms, elapsed_ms);
+  }
+
+  bool CheckProcessLog(const ProcessLog& log, std::string* report) {
+    // The checker reads the log from its standard input: a file that is
+    // gone once both let go of it.
+    FILE* kept = tmpfile();
+    if (kept == nullptr ||
+        fwrite(log.errors.data(), 1, log.errors.size(), kept) !=
+            log.errors.size() ||
+        fflush(kept) != 0 || fseek(kept, 0, SEEK_SET) != 0) {
+      const std::string text = std::string(
+                                   "vek_ut_runner: cannot keep the "
+                                   "log for the check: ") +
+                               strerror(errno) + "\n";
+      fputs(text.c_str(), stderr);
+      *report += text;
+      if (kept != nullptr) fclose(kept);
+      return false;
+    }
+    std::vector<const PlannedCase*> cases;
+    for (const size_t i : log.cases)
+      cases.push_back(&book_->cases()[i].planned);
+    std::vector<std::string> args = {"--pid=" + std::to_string(log.pid),
+                                     "--gtest_filter=" + FilterFor(cases)};
+    if (flags_.also_run_disabled) {
+      args.push_back("--gtest_also_run_disabled_tests");
+    }
+    args.push_back("-");
+    ChildHooks hooks;
+    hooks.input_fd = fileno(kept);
+    hooks.on_output = [&](std::string_view line) {
+      WriteOut(line);
+      *report += line;
+    };
+    hooks.on_error = [&](std::string_view text) {
+      fwrite(text.data(), 1, text.size(), stderr);
+      *report += text;
+    };
+    hooks.on_record = [](std::string_view) {};
+    hooks.silence_limit_s = [] { return int64_t{0}; };
+    const ChildEnd end = RunChild(NextToRunner(kLogChecker), args, {}, hooks);
+    fclose(kept);
+    if (WIFEXITED(end.status) && WEXITSTATUS(end.status) <= 1 &&
+        !end.start_failed) {
+      return WEXITSTATUS(end.status) == 0;
+    }
+    const std::string text = std::string("vek_ut_runner: ") + kLogChecker +
+                             " " + Describe(end) + "\n";
+    fputs(text.c_str(), stderr);
+    *report += text;
+    return false;
   }
 
   // Accounts for an end that the executable did not report itself.
@@ -718,6 +858,7 @@ class Supervisor {
   const unsigned int expected_timeout_s_;
   std::vector<std::string> extra_env_;
   std::unique_ptr<VerdictBook> book_;
+  std::vector<ProcessLog> process_logs_;
   int64_t start_epoch_ms_ = 0;
   int64_t total_ms_ = 0;
   bool trouble_ = false;
@@ -734,7 +875,15 @@ int Main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return kAllPassed;
   }
-  if (options.executable.empty()) options.executable = DefaultExecutable();
+  if (options.executable.empty()) {
+    options.executable = NextToRunner(kDefaultExecutable);
+  }
+  if (options.check_log &&
+      access(NextToRunner(kLogChecker).c_str(), X_OK) != 0) {
+    fprintf(stderr, "vek_ut_runner: --check-log needs %s: %s\n",
+            NextToRunner(kLogChecker).c_str(), strerror(errno));
+    return kUsageError;
+  }
   if (access(options.executable.c_str(), X_OK) != 0) {
     fprintf(stderr, "vek_ut_runner: cannot run %s: %s\n",
             options.executable.c_str(), strerror(errno));

@@ -295,6 +295,22 @@ void VerdictBook::EndUnstarted(Outcome outcome, const std::string& detail) {
   }
 }
 
+void VerdictBook::AddCheck(const std::string& suite, const std::string& name,
+                           bool passed, const std::string& where,
+                           const std::string& message, int64_t start_epoch_ms,
+                           int64_t elapsed_ms) {
+  CaseVerdict verdict;
+  verdict.planned.suite = suite;
+  verdict.planned.name = name;
+  verdict.outcome = passed ? Outcome::kPassed : Outcome::kFailed;
+  verdict.started = true;
+  verdict.start_epoch_ms = start_epoch_ms;
+  verdict.elapsed_ms = elapsed_ms;
+  if (!passed) verdict.parts.push_back({false, where, -1, message, message});
+  cases_.push_back(std::move(verdict));
+  ++started_count_;
+}
+
 size_t VerdictBook::failure_count() const {
   size_t failures = failed_suites_.size() + (global_failed_ ? 1 : 0);
   for (const CaseVerdict& verdict : cases_) {

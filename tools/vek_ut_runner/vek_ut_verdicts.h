@@ -76,6 +76,12 @@ class VerdictBook {
   // Gives every selected case that has not started this outcome.
   void EndUnstarted(Outcome outcome, const std::string& detail);
 
+  // Adds the verdict of a check made after the cases, such as the log
+  // check, as one more entry; `where` and `message` say why it failed.
+  void AddCheck(const std::string& suite, const std::string& name, bool passed,
+                const std::string& where, const std::string& message,
+                int64_t start_epoch_ms, int64_t elapsed_ms);
+
   const std::vector<CaseVerdict>& cases() const { return cases_; }
   const std::vector<std::string>& failed_suites() const {
     return failed_suites_;
