@@ -18,9 +18,13 @@ file(RELATIVE_PATH vek_bin_to_lib
   /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(vekosal PROPERTIES
   INSTALL_RPATH_USE_LINK_PATH ON)
-set_target_properties(vek_ut_osal_common vek_ut_osal_contract PROPERTIES
-  INSTALL_RPATH "$ORIGIN/${vek_bin_to_lib}"
-  INSTALL_RPATH_USE_LINK_PATH ON)
+if(VEK_BUILD_EXECUTABLES)
+  set_target_properties(vek_ut_osal_common vek_ut_osal_contract PROPERTIES
+    INSTALL_RPATH "$ORIGIN/${vek_bin_to_lib}"
+    INSTALL_RPATH_USE_LINK_PATH ON)
+  install(TARGETS vek_ut_osal_common vek_ut_osal_contract
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT conformance)
+endif()
 
 target_include_directories(vek_headers INTERFACE
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
@@ -30,9 +34,6 @@ install(TARGETS vekosal vek_headers
   EXPORT vekosalTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT vekosal
     NAMELINK_COMPONENT vekosal)
-install(TARGETS vek_ut_osal_common vek_ut_osal_contract
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT conformance)
-
 # The interface is the headers directly in osal/, logging/ and utils/. A
 # port's folder (osal/<port>/) holds its private headers, of any port,
 # whichever one is built: none of them is installed.
