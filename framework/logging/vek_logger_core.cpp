@@ -1,8 +1,10 @@
 // The process-wide logger and the configuration-update entry point.
+#include <atomic>
 #include <string>
 #include <utility>
 
 #include "logging/vek_logger.h"
+#include "logging/vek_logger_fork.h"
 #include "osal/vek_osal.h"
 
 namespace zov_vek {
@@ -19,6 +21,12 @@ constexpr uint32_t kInitialPredefinedMask =
 constexpr uint32_t kInitialCustomMask =
     Bit(Logger::kWarning) | Bit(Logger::kError);
 
+// The logger's mutex once the logger exists, for the fork hooks below.
+std::atomic<AnnotatedOsalMutex*> fork_guarded_mutex{nullptr};
+// Set only between the two hooks of one thread's fork(); per thread,
+// because the C library lets other threads' fork handlers run in between.
+thread_local AnnotatedOsalMutex* held_for_fork = nullptr;
+
 }  // namespace
 
 Logger::Logger(uint32_t predefined_mask, uint32_t custom_default_mask)
@@ -26,6 +34,7 @@ Logger::Logger(uint32_t predefined_mask, uint32_t custom_default_mask)
   // Without its mutex the logger cannot work at all; there is no caller to
   // report to, so failing loudly here is the only honest option.
   if (mutex_.Init() != VekError::kOk) __builtin_trap();
+  fork_guarded_mutex.store(&mutex_, std::memory_order_release);
   for (uint32_t value = 0; value < kPredefinedGroupCount; ++value) {
     const auto group = static_cast<PredefinedGroup>(value);
     predefined_groups_[value] = {group, {predefined_mask, GetTag(group)}};
@@ -35,6 +44,22 @@ Logger::Logger(uint32_t predefined_mask, uint32_t custom_default_mask)
 namespace log_internal {
 
 Logger* published_logger = nullptr;
+
+// The analysis cannot pair a lock taken in one hook with its release in the
+// other.
+void HoldLoggerForFork() VEK_NO_THREAD_SAFETY_ANALYSIS {
+  AnnotatedOsalMutex* mutex =
+      fork_guarded_mutex.load(std::memory_order_acquire);
+  if (mutex == nullptr) return;
+  mutex->Lock();
+  held_for_fork = mutex;
+}
+
+void ReleaseLoggerAfterFork() VEK_NO_THREAD_SAFETY_ANALYSIS {
+  if (held_for_fork == nullptr) return;
+  held_for_fork->Unlock();
+  held_for_fork = nullptr;
+}
 
 }  // namespace log_internal
 
