@@ -20,9 +20,15 @@
 // those results with kOk only.
 // Wherever the contract refuses a null argument, our port returns
 // kErrParam; when memory or threads run out, kErrNoResource. Its refusals
-// change nothing, out-parameters and buffers included. After fork(), the
-// child can lock the mutexes that were free at the fork, log and create
-// threads: the library's own locks are taken around fork.
+// change nothing, out-parameters and buffers included.
+//
+// POSIX port and fork(): the child can log, lock the mutexes that were free
+// at the fork and create threads. The library holds its own locks (the
+// logger's mutex and, on a host, liblog's line output) across the fork and
+// releases them in both processes. The caller's objects that other threads
+// were using at the fork keep that state in the child: a held mutex stays
+// held, and a condition variable or semaphore still counts the parent's
+// waiters.
 #ifndef OSAL_VEK_OSAL_H_
 #define OSAL_VEK_OSAL_H_
 
@@ -87,8 +93,11 @@ VEK_EXPORT VekError OsalSemGetValue(void* sem, int* value);
 // Creates a condition variable.
 VEK_EXPORT VekError OsalCondInit(void** cond);
 // Releases a condition variable nobody waits on. POSIX port: succeeds as
-// soon as no thread is blocked on it, right after a broadcast too (the
-// woken threads need not have returned); while one is blocked, kErrBusy
+// soon as no thread is blocked on it. A thread is blocked from its entry
+// into OsalCondWait until a signal or broadcast releases it, so Destroy
+// also succeeds right after a broadcast, or one signal per waiter, before
+// the woken threads have returned (it waits the few instructions they need
+// to leave, never for a blocked thread). While one is blocked, kErrBusy
 // (it stays usable).
 VEK_EXPORT VekError OsalCondDestroy(void* cond);
 // Releases `mutex` and starts waiting as one step, so a signal sent by a
