@@ -42,9 +42,11 @@ class VEK_EXPORT WorkerThreadBase {
  public:
   WorkerThreadBase();
   // Our library: with a worker still running, logs a warning line in kOsal
-  // and calls Exit(). By then the subclass's part of the object is gone,
-  // and a loop that still runs would use it: a subclass whose loop touches
-  // its own members calls Exit() in its own destructor.
+  // and calls Exit(). By then the subclass's part of the object is gone: a
+  // loop that still runs would use it, and a worker that has not yet
+  // entered ThreadFunction() would call a pure virtual function. A subclass
+  // whose worker may still run when it is destroyed therefore calls Exit()
+  // in its own destructor.
   virtual ~WorkerThreadBase();
 
   WorkerThreadBase(const WorkerThreadBase&) = delete;
