@@ -11,6 +11,11 @@
 
 namespace vek_fuzz {
 
+// In a filling phase the container targets turn removals into insertions,
+// in a draining phase insertions into removals, so that random bytes take
+// a container to full and to empty again and again.
+enum class Phase { kMixed, kFilling, kDraining };
+
 class FuzzInput {
  public:
   FuzzInput(const uint8_t* data, size_t size) : data_(data), size_(size) {}
@@ -18,6 +23,17 @@ class FuzzInput {
   bool empty() const { return pos_ >= size_; }
 
   uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+
+  // The byte of the next operation. Where one is expected, the three
+  // highest byte values set the phase instead.
+  uint8_t OpByte() {
+    uint8_t byte = Byte();
+    for (; byte >= kFirstPhaseMark; byte = Byte()) {
+      phase_ = static_cast<Phase>(byte - kFirstPhaseMark);
+    }
+    return byte;
+  }
+  Phase phase() const { return phase_; }
 
   uint32_t U32() {
     uint32_t value = 0;
@@ -41,9 +57,12 @@ class FuzzInput {
   }
 
  private:
+  static constexpr uint8_t kFirstPhaseMark = 0xfd;
+
   const uint8_t* data_;
   size_t size_;
   size_t pos_ = 0;
+  Phase phase_ = Phase::kMixed;
 };
 
 // A model and the code under test disagree: report and crash, so that the

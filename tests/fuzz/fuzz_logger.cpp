@@ -11,11 +11,13 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "fuzz_input.h"
 #include "logging/vek_log.h"
 #include "logging/vek_logger.h"
 #include "osal/vek_error.h"
+#include "vek_log_capture.h"
 
 namespace {
 
@@ -33,21 +35,6 @@ const char* const kTagTable[kGroups] = {
     "vek-osal",           "vek-rm",         "vek-sched",    "vek-session",
     "vek-shared-utility", "vek-txn",        "vek-txn-data", "vek-unassigned",
 };
-
-// The last line that reached liblog, and how many did.
-struct Captured {
-  int count = 0;
-  int priority = 0;
-  std::string tag;
-  std::string text;
-} g_captured;
-
-void Capture(const struct __android_logger_data* data, const char* message) {
-  g_captured.count++;
-  g_captured.priority = data->priority;
-  g_captured.tag = data->tag != nullptr ? data->tag : "";
-  g_captured.text = message != nullptr ? message : "";
-}
 
 class Model {
  public:
@@ -158,29 +145,10 @@ std::string PickTag(vek_fuzz::FuzzInput& in) {
   return in.Bytes(20);
 }
 
-// A statement's line must be written exactly when the model says the
-// level is enabled, with the tag and priority of its group.
-void ExpectLine(bool enabled, int before, int priority, const char* tag,
-                const char* text) {
-  if (!enabled) {
-    FUZZ_CHECK(g_captured.count == before);
-    return;
-  }
-  FUZZ_CHECK(g_captured.count == before + 1);
-  FUZZ_CHECK(g_captured.priority == priority);
-  FUZZ_CHECK(g_captured.tag == tag);
-  FUZZ_CHECK(g_captured.text == text);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool installed = [] {
-    __android_log_set_logger(&Capture);
-    return true;
-  }();
-  (void)installed;
-
+  static vek_test::LogCapture capture;
   vek_fuzz::FuzzInput in(data, size);
   Logger& logger = Logger::GetLogger();
   // Every input starts from the same logger state.
@@ -188,8 +156,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(logger.ClearCustomGroups() == VekError::kOk);
   FUZZ_CHECK(logger.SetLogLevelMask("*", initial) == VekError::kOk);
   Model model(initial);
+  capture.Take();
 
   while (!in.empty()) {
+    // A statement's line must be written exactly when the model says the
+    // level is enabled, with the tag and priority of its group; no other
+    // operation writes anything.
+    std::vector<vek_test::LogLine> expected;
     const uint32_t op = in.Below(14);
     switch (op) {
       case 0: {
@@ -272,7 +245,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // A predefined statement at a chosen level.
         const uint32_t group = in.Below(kGroups);
         const uint32_t level = in.Below(5);
-        const int before = g_captured.count;
         const bool enabled = (model.GetGroup(group) >> level) & 1u;
         switch (level) {
           case 0:
@@ -291,26 +263,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             LOG_ERROR(group, "line %d", 7);
             break;
         }
-        ExpectLine(enabled, before, static_cast<int>(level) + 2,
-                   kTagTable[group],
-                   level == 4 ? "LLVMFuzzerTestOneInput() line 7" : "line 7");
+        if (enabled) {
+          expected.push_back(
+              {static_cast<int>(level) + 2, kTagTable[group],
+               level == 4 ? "LLVMFuzzerTestOneInput() line 7" : "line 7"});
+        }
         break;
       }
       case 12: {
         // A custom statement: its group comes into being if there is room.
         const std::string tag = PickTag(in);
-        const int before = g_captured.count;
         const bool enabled =
             (model.GetTag(tag) >> zov_vek::Logger::kWarning) & 1u;
         LOG_CUSTOM_WARNING(tag, "custom %s", "line");
-        ExpectLine(enabled, before, ANDROID_LOG_WARN, tag.c_str(),
-                   "custom line");
+        // liblog sees the tag as a C string, up to a NUL it may hold.
+        if (enabled) {
+          expected.push_back({ANDROID_LOG_WARN, tag.c_str(), "custom line"});
+        }
         break;
       }
       default:
         FUZZ_CHECK(logger.CustomGroupCount() == model.CustomCount());
         break;
     }
+    FUZZ_CHECK(capture.Take() == expected);
   }
 
   // The whole state, read without side effects: the predefined masks, and

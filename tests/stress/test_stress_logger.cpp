@@ -12,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <string>
 #include <utility>
@@ -22,6 +21,7 @@
 #include "logging/vek_logger.h"
 #include "osal/vek_error.h"
 #include "stress_support.h"
+#include "vek_log_capture.h"
 
 namespace vek_stress {
 namespace {
@@ -41,37 +41,37 @@ constexpr uint32_t kVerboseBit = 1u << Logger::kVerbose;
 constexpr uint32_t kRestoredMask =
     (1u << Logger::kWarning) | (1u << Logger::kError);
 
-// What reached liblog, by kind. Filled from any thread.
+// What reached liblog, by kind.
 struct Received {
-  std::atomic<uint64_t> warning_by_group[kGroups] = {};
-  std::atomic<uint64_t> custom_warning{0};
-  std::atomic<uint64_t> verbose{0};
-  std::atomic<uint64_t> other{0};
+  uint64_t warning_by_group[kGroups] = {};
+  uint64_t custom_warning = 0;
+  uint64_t verbose = 0;
+  uint64_t other = 0;
 };
-Received* g_received = nullptr;
 
-void CountLine(const struct __android_logger_data* data, const char*) {
-  Received& r = *g_received;
-  if (data->priority == ANDROID_LOG_VERBOSE) {
-    r.verbose++;
-    return;
-  }
-  if (data->priority != ANDROID_LOG_WARN || data->tag == nullptr) {
-    r.other++;
-    return;
-  }
-  if (std::strncmp(data->tag, "STRESS_", 7) == 0) {
-    r.custom_warning++;
-    return;
-  }
-  for (uint32_t g = 0; g < kGroups; ++g) {
-    if (std::strcmp(data->tag,
-                    Logger::GetTag(static_cast<PredefinedGroup>(g))) == 0) {
-      r.warning_by_group[g]++;
-      return;
+Received Count(const std::vector<vek_test::LogLine>& lines) {
+  Received r;
+  for (const vek_test::LogLine& line : lines) {
+    if (line.priority == ANDROID_LOG_VERBOSE) {
+      r.verbose++;
+    } else if (line.priority != ANDROID_LOG_WARN) {
+      r.other++;
+    } else if (line.tag.compare(0, 7, "STRESS_") == 0) {
+      r.custom_warning++;
+    } else {
+      uint32_t g = 0;
+      while (g < kGroups &&
+             line.tag != Logger::GetTag(static_cast<PredefinedGroup>(g))) {
+        ++g;
+      }
+      if (g < kGroups) {
+        r.warning_by_group[g]++;
+      } else {
+        r.other++;
+      }
     }
   }
-  r.other++;
+  return r;
 }
 
 std::string CustomTag(unsigned int i) { return "STRESS_" + std::to_string(i); }
@@ -88,25 +88,15 @@ std::string AnyTag(std::minstd_rand& rng) {
 
 class LoggerStressTest : public testing::Test {
  protected:
-  void SetUp() override {
-    received_ = new Received;
-    g_received = received_;
-    __android_log_set_logger(&CountLine);
-    Restore();
-  }
-  void TearDown() override {
-    Restore();
-    __android_log_set_logger(__android_log_stderr_logger);
-    g_received = nullptr;
-    delete received_;
-  }
+  void SetUp() override { Restore(); }
+  void TearDown() override { Restore(); }
   static void Restore() {
     Logger& logger = Logger::GetLogger();
     EXPECT_EQ(VekError::kOk, logger.SetLogLevelMask("*", kRestoredMask));
     EXPECT_EQ(VekError::kOk, logger.ClearCustomGroups());
   }
 
-  Received* received_ = nullptr;
+  vek_test::LogCapture capture_;
 };
 
 TEST_F(LoggerStressTest, ConcurrentMaskWritesGroupChurnAndLogging) {
@@ -207,15 +197,16 @@ TEST_F(LoggerStressTest, ConcurrentMaskWritesGroupChurnAndLogging) {
 
   EXPECT_EQ(0u, failures.load());
   EXPECT_EQ(0u, too_many_groups.load());
+  const Received received = Count(capture_.Take());
   for (uint32_t g = 0; g < kGroups; ++g) {
-    EXPECT_EQ(warnings_sent[g].load(), received_->warning_by_group[g].load())
+    EXPECT_EQ(warnings_sent[g].load(), received.warning_by_group[g])
         << "group " << Logger::GetTag(static_cast<PredefinedGroup>(g));
   }
   // A custom statement is dropped when its group cannot exist (eight
   // others do), so only an upper bound holds.
-  EXPECT_LE(received_->custom_warning.load(), custom_sent.load());
-  EXPECT_EQ(0u, received_->verbose.load());
-  EXPECT_EQ(0u, received_->other.load());
+  EXPECT_LE(received.custom_warning, custom_sent.load());
+  EXPECT_EQ(0u, received.verbose);
+  EXPECT_EQ(0u, received.other);
 
   // Quiet again, the logger is whole: one "*" reaches every group.
   Logger& logger = Logger::GetLogger();

@@ -1,13 +1,14 @@
 // Captures what reaches liblog in this process, so that tests can assert
 // the exact priority, tag and text of every line the framework writes.
+// Free of googletest: the fuzz targets use it too.
 #ifndef TESTS_SUPPORT_VEK_LOG_CAPTURE_H_
 #define TESTS_SUPPORT_VEK_LOG_CAPTURE_H_
 
 #include <android/log.h>
 
-#include <algorithm>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vek_test {
@@ -20,6 +21,7 @@ struct LogLine {
   bool operator==(const LogLine& other) const {
     return priority == other.priority && tag == other.tag && text == other.text;
   }
+  bool operator!=(const LogLine& other) const { return !(*this == other); }
 };
 
 // While an instance lives, every line written through liblog is recorded
@@ -27,10 +29,7 @@ struct LogLine {
 class LogCapture {
  public:
   LogCapture() {
-    {
-      std::lock_guard<std::mutex> lock(Mutex());
-      Lines().clear();
-    }
+    Take();
     // Not under Mutex(): liblog calls Record with its own lock held, so
     // taking liblog's lock while holding ours could deadlock against a
     // thread that logs.
@@ -46,15 +45,12 @@ class LogCapture {
     return Lines();
   }
 
-  void Clear() {
+  // The lines recorded since the last call, which are then forgotten.
+  std::vector<LogLine> Take() {
+    std::vector<LogLine> taken;
     std::lock_guard<std::mutex> lock(Mutex());
-    Lines().clear();
-  }
-
-  // How many recorded lines equal `line` exactly.
-  size_t Count(const LogLine& line) const {
-    const std::vector<LogLine> all = lines();
-    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
+    std::swap(taken, Lines());
+    return taken;
   }
 
  private:
