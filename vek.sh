@@ -23,12 +23,12 @@ packages_for() {
   case "$1" in
     host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev \
         libbenchmark-dev libboost-dev gnuplot-nox ;;
-    clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+    clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
-        libgtest-dev:arm64 android-liblog-dev:arm64 libbsd-dev:arm64 ;;
-    soak) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev valgrind ;;
-    asan|tsan) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
-    fuzz) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev libbsd-dev ;;
+        libgtest-dev:arm64 android-liblog-dev:arm64 ;;
+    soak) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev valgrind ;;
+    asan|tsan) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev ;;
+    fuzz) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev ;;
     *) echo "vek.sh: unknown preset $1" >&2; return 1 ;;
   esac
 }

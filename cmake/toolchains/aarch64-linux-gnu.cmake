@@ -1,6 +1,6 @@
 # Cross-compiles for Linux on aarch64 with Debian's cross toolchain
-# (g++-aarch64-linux-gnu) against the arm64 multiarch packages of liblog,
-# googletest and libbsd, and runs the built programs under qemu-aarch64.
+# (g++-aarch64-linux-gnu) against the arm64 multiarch packages of liblog
+# and googletest, and runs the built programs under qemu-aarch64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
@@ -22,7 +22,7 @@ set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgco
 # That loader must also get the C and C++ runtime of the same root: the
 # cache it would otherwise consult (/etc/ld.so.cache) points at the
 # multiarch libc6:arm64, a different glibc build, and a loader and libc of
-# two builds hang in the first pthread_create. liblog and libbsd still come
+# two builds hang in the first pthread_create. liblog still comes
 # from the multiarch folders through the binaries' RUNPATH and the cache.
 # A run that needs its own search path puts it in front of this one
 # (-E LD_LIBRARY_PATH=<own>:${VEK_EMULATOR_LIBRARY_PATH}).
