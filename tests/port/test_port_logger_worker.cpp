@@ -77,9 +77,15 @@ TEST(PortLogger, ConfigUpdateCodesAndMissingCustomTargets) {
     SCOPED_TRACE(row.name);
     ASSERT_EQ(logger.ClearCustomGroups(), VekError::kOk);
     ASSERT_EQ(logger.SetLogLevelMask("*", 1), VekError::kOk);
+    // param is ignored, and the update left as it is.
     std::pair<LogConfigUpdate, LogConfigTargetGroup> update{
-        {row.type, 30, 0}, {row.target, row.name}};
+        {row.type, 30, 77}, {row.target, row.name}};
     EXPECT_EQ(HandleLogConfigUpdate(update), row.code);
+    EXPECT_EQ(update.first.type, row.type);
+    EXPECT_EQ(update.first.log_mask, 30u);
+    EXPECT_EQ(update.first.param, 77u);
+    EXPECT_EQ(update.second.type, row.target);
+    EXPECT_EQ(update.second.name, row.name);
     EXPECT_EQ(logger.CustomGroupCount(), row.code == VekError::kOk ? 1u : 0u);
     if (row.code == VekError::kOk) {
       EXPECT_EQ(logger.GetLogLevelMask(row.name), 30u);
@@ -142,6 +148,9 @@ class Drain : public WorkerThreadBase {
                                    flag);
   }
   std::atomic<int> started{0};
+  // The Exit it calls on item 0.
+  std::atomic<bool> exited_itself{false};
+  VekError own_exit = VekError::kOk;
 
  protected:
   void OnThreadStarted() override {
@@ -160,6 +169,12 @@ class Drain : public WorkerThreadBase {
       if (owner->input.empty()) break;
       owner->output.push_back(owner->input.front());
       owner->input.pop_front();
+      if (owner->output.back() == 0) {
+        OsalMutexUnlock(owner->mutex);
+        own_exit = Exit();
+        exited_itself = true;
+        OsalMutexLock(owner->mutex);
+      }
     }
     OsalMutexUnlock(owner->mutex);
   }
@@ -215,6 +230,22 @@ TEST(PortWorker, DestroyingARunningWorkerDrainsAndJoinsIt) {
   owner.Push(2);
   worker.reset();
   EXPECT_EQ(owner.output, (std::vector<unsigned int>{1, 2}));
+}
+
+// Exit on the worker's own thread cannot join it: it returns the join's
+// code, the worker still runs, and the owner's Exit stops it.
+TEST(PortWorker, AFailedJoinLeavesTheWorkerRunningForTheNextExit) {
+  Owner owner;
+  Drain worker(&owner);
+  ASSERT_EQ(worker.Start("self_exit"), VekError::kOk);
+  owner.Push(0);
+  OsalCondBroadcast(owner.cond);
+  while (!worker.exited_itself.load()) std::this_thread::yield();
+  EXPECT_EQ(worker.own_exit, VekError::kErr);
+  EXPECT_EQ(worker.Start("again"), VekError::kErrBusy);
+  EXPECT_EQ(worker.Exit(), VekError::kOk);
+  EXPECT_EQ(worker.Start("again"), VekError::kOk);
+  EXPECT_EQ(worker.Exit(), VekError::kOk);
 }
 
 // The owner's condition variable may have other waiters: Exit wakes them

@@ -22,23 +22,13 @@
 #include "osal/vek_error.h"
 #include "osal/vek_osal.h"
 
-#if defined(__has_feature)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VEK_STRESS_SANITIZED 1
+#elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define VEK_STRESS_SANITIZED 1
 #endif
 #endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VEK_STRESS_SANITIZED 1
-#endif
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VEK_STRESS_TSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define VEK_STRESS_TSAN 1
-#endif
-
 #ifdef VEK_STRESS_SANITIZED
 #include <sanitizer/allocator_interface.h>
 #endif
