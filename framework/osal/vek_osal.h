@@ -142,11 +142,13 @@ VEK_EXPORT VekError OsalThreadAttrSetStackSize(void* attr, unsigned int size);
 // Copies the name. A null or empty name is refused with kErrParam. POSIX
 // port: 16 characters or more, kErrOutOfRange (no truncation).
 VEK_EXPORT VekError OsalThreadAttrSetName(void* attr, const char* name);
-// Copies the name and its NUL into `buf` of `len` bytes. len 16 is taken; a
-// len too short for the name or above kOsalThreadNameLengthMax is refused
-// with kErrOutOfRange; nothing is ever written at buf[16] or beyond. POSIX
-// port: takes any len from the name's length + 1 to 16; no name reads as
-// the empty name.
+// Copies the name and its NUL into `buf` of `len` bytes. len 16 is taken;
+// len 1, too short for a 15-character name, and len 26, above
+// kOsalThreadNameLengthMax, are refused with kErrOutOfRange; other lengths
+// are the port's choice. Nothing is ever written at buf[16] or beyond, and
+// a refused call writes nothing past byte 16. POSIX port: takes any len from
+// the name's length + 1 to 16 and refuses every other with kErrOutOfRange,
+// writing nothing; no name reads as the empty name.
 VEK_EXPORT VekError OsalThreadAttrGetName(void* attr, char* buf,
                                           unsigned int len);
 
