@@ -12,7 +12,9 @@
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -41,12 +43,26 @@ constexpr bool kThreadSanitizer = false;
 // only keeps a broken build from hanging the test.
 constexpr int kLimitS = 120;
 
-ProcessResult RunToEnd(const std::vector<std::string>& argv,
-                       const std::vector<std::string>& env = {}) {
+using Args = std::vector<std::string>;
+
+ProcessResult RunToEnd(const Args& argv, const Args& env = {}) {
   return RunProcess(argv, env, kLimitS);
 }
 
 const std::string kExeSample = std::string("--exe=") + kSample;
+
+Args Sample(const std::string& filter, const char* option = nullptr) {
+  Args args = {kSample, "--gtest_filter=" + filter};
+  if (option != nullptr) args.push_back(option);
+  return args;
+}
+
+// The runner over the sample, with these options.
+Args Supervised(const std::string& option, const char* more = nullptr) {
+  Args args = {kRunner, kExeSample, option};
+  if (more != nullptr) args.push_back(more);
+  return args;
+}
 
 std::string Closing(const std::string& report) {
   const size_t at = report.rfind("[==========] ");
@@ -56,11 +72,11 @@ std::string Closing(const std::string& report) {
 // One run, judged by how it ends, how long it takes and what it prints
 // last.
 struct Ending {
-  std::vector<std::string> argv;
-  std::vector<std::string> env;
   int status;  // an exit status, or minus the signal that ends it
   int64_t min_ms;
   int64_t max_ms;
+  std::string env;  // "NAME=value", or empty
+  Args argv;
   std::string out_tail = {};  // timings blanked
   std::string err_has = {};
   // ThreadSanitizer's _exit flushes every stdio stream first, and so waits
@@ -69,19 +85,11 @@ struct Ending {
 };
 
 TEST(VerdictTest, EachRunEndsAsItMust) {
-  const std::string crash_tail =
-      "\n[  NOT RUN ] 2 tests, listed below:\n"
-      "[  NOT RUN ] VerdictExit.ExitsMidCase\n"
-      "[  NOT RUN ] VerdictTail.Passes\n";
-  const Ending rows[] = {
+  const std::string two_s = "VEK_UT_CASE_TIMEOUT_S=2";
+  std::vector<Ending> rows = {
       // The case's buffered line is flushed before the verdict.
-      {{kSample,
-        "--gtest_filter=VerdictSample.Passes:VerdictHang.Hangs:"
-        "VerdictTail.*"},
-       {"VEK_UT_CASE_TIMEOUT_S=2"},
-       1,
-       2000,
-       5000,
+      {1, 2000, 5000, two_s,
+       Sample("VerdictSample.Passes:VerdictHang.Hangs:VerdictTail.*"),
        "[       OK ] VerdictSample.Passes (N ms)\n"
        "[----------] 1 test from VerdictSample (N ms total)\n\n"
        "[----------] 1 test from VerdictHang\n"
@@ -91,78 +99,24 @@ TEST(VerdictTest, EachRunEndsAsItMust) {
        "[  NOT RUN ] 1 test, listed below:\n"
        "[  NOT RUN ] VerdictTail.Passes\n"},
       // Its own half line stays locked in the buffer; the verdict gets out.
-      {{kSample, "--gtest_filter=VerdictHang.HangsHoldingStdout"},
-       {"VEK_UT_CASE_TIMEOUT_S=2"},
-       1,
-       2000,
-       5000,
+      {1, 2000, 5000, two_s, Sample("VerdictHang.HangsHoldingStdout"),
        "[ RUN      ] VerdictHang.HangsHoldingStdout\n"
        "[  HUNG    ] VerdictHang.HangsHoldingStdout (2 s)\n",
-       "",
-       true},
+       "", true},
       // The deadline holds for each case: three of a second and a half
       // each take longer than it in all.
-      {{kSample, "--gtest_filter=VerdictSlow.*", "--gtest_repeat=3"},
-       {"VEK_UT_CASE_TIMEOUT_S=2"},
-       0,
-       4500,
-       9000},
+      {0, 4500, 9000, two_s, Sample("VerdictSlow.*", "--gtest_repeat=3")},
       // 0 is no deadline, not a deadline of no time.
-      {{kSample, "--gtest_filter=VerdictSlow.*"},
-       {"VEK_UT_CASE_TIMEOUT_S=0"},
-       0,
-       1500,
-       5000},
-      {{kSample, "--gtest_filter=VerdictSlow.*"},
-       {"VEK_UT_CASE_TIMEOUT_S=1"},
-       1,
-       1000,
-       4000,
+      {0, 1500, 5000, "VEK_UT_CASE_TIMEOUT_S=0", Sample("VerdictSlow.*")},
+      {1, 1000, 4000, "VEK_UT_CASE_TIMEOUT_S=1", Sample("VerdictSlow.*"),
        "[  HUNG    ] VerdictSlow.TakesASecondAndAHalf (1 s)\n"},
       // Not whole seconds: refused aloud, and the default deadline stays.
-      {{kSample, "--gtest_filter=VerdictSlow.*"},
-       {"VEK_UT_CASE_TIMEOUT_S=1s"},
-       0,
-       1500,
-       5000,
-       "",
+      {0, 1500, 5000, "VEK_UT_CASE_TIMEOUT_S=1s", Sample("VerdictSlow.*"), "",
        "ignoring VEK_UT_CASE_TIMEOUT_S=\"1s\""},
-      {{kSample,
-        "--gtest_filter=VerdictCrash.Segfaults:VerdictTail.*:VerdictExit.*"},
-       {},
-       -SIGSEGV,
-       0,
-       3000,
-       "[ RUN      ] VerdictCrash.Segfaults\n"
-       "[  CRASHED ] VerdictCrash.Segfaults (SIGSEGV)" +
-           crash_tail},
-      {{kSample,
-        "--gtest_filter=VerdictCrash.SegfaultsOnWorkerThread:"
-        "VerdictTail.*:VerdictExit.*"},
-       {},
-       -SIGSEGV,
-       0,
-       3000,
-       "[ RUN      ] VerdictCrash.SegfaultsOnWorkerThread\n"
-       "[  CRASHED ] VerdictCrash.SegfaultsOnWorkerThread (SIGSEGV)" +
-           crash_tail},
-      {{kSample,
-        "--gtest_filter=VerdictCrash.Aborts:VerdictTail.*:VerdictExit.*"},
-       {},
-       -SIGABRT,
-       0,
-       3000,
-       "[ RUN      ] VerdictCrash.Aborts\n"
-       "[  CRASHED ] VerdictCrash.Aborts (SIGABRT)" +
-           crash_tail},
       // The runner restarts behind a crash on the user's selection only.
-      {{kRunner, kExeSample,
-        "--gtest_filter=VerdictSample.Passes:VerdictCrash.Aborts:"
-        "VerdictTail.*"},
-       {},
-       1,
-       0,
-       5000,
+      {1, 0, 5000, "",
+       Supervised("--gtest_filter=VerdictSample.Passes:VerdictCrash.Aborts:"
+                  "VerdictTail.*"),
        "[==========] 3 tests from 3 test suites ran. (N ms total)\n"
        "[  PASSED  ] 2 tests.\n"
        "[  FAILED  ] 1 test, listed below:\n"
@@ -171,25 +125,36 @@ TEST(VerdictTest, EachRunEndsAsItMust) {
       // A hang outside every case (here in the global tear-down) escapes
       // the case deadline; the runner kills the silent process after the
       // deadline and its grace of ten seconds, and fails the run.
-      {{kRunner, kExeSample, "--case-timeout=1",
-        "--gtest_filter=VerdictTail.*"},
-       {"VEK_VERDICT_SAMPLE_STALL=1"},
-       1,
-       10000,
-       16000,
-       "[  PASSED  ] 1 test.\n",
-       "outside any case and was killed"},
+      {1, 10000, 16000, "VEK_VERDICT_SAMPLE_STALL=1",
+       Supervised("--case-timeout=1", "--gtest_filter=VerdictTail.*"),
+       "[  PASSED  ] 1 test.\n", "outside any case and was killed"},
       // What the runner cannot honour it refuses.
-      {{kRunner, kExeSample, "--gtest_output=xml:x.xml"}, {}, 2, 0, 5000},
-      {{kRunner, kExeSample, "--gtest_repeat=2"}, {}, 2, 0, 5000},
-      {{kRunner, kExeSample, "--case-timeout=1s"}, {}, 2, 0, 5000},
-      {{kRunner, "--exe=/nonexistent/program"}, {}, 2, 0, 5000},
+      {2, 0, 5000, "", Supervised("--gtest_output=xml:x.xml")},
+      {2, 0, 5000, "", Supervised("--gtest_repeat=2")},
+      {2, 0, 5000, "", Supervised("--case-timeout=1s")},
+      {2, 0, 5000, "", {kRunner, "--exe=/nonexistent/program"}},
   };
+  // A fatal signal names the case, lists those that did not run, and ends
+  // the process by that signal.
+  const std::string not_run =
+      "[  NOT RUN ] 2 tests, listed below:\n"
+      "[  NOT RUN ] VerdictExit.ExitsMidCase\n"
+      "[  NOT RUN ] VerdictTail.Passes\n";
+  for (const auto& [name, sig, sig_name] :
+       {std::tuple("Segfaults", SIGSEGV, "SIGSEGV"),
+        std::tuple("SegfaultsOnWorkerThread", SIGSEGV, "SIGSEGV"),
+        std::tuple("Aborts", SIGABRT, "SIGABRT")}) {
+    const std::string full = std::string("VerdictCrash.") + name;
+    const std::string tail = "[ RUN      ] " + full + "\n[  CRASHED ] " + full +
+                             " (" + sig_name + ")\n" + not_run;
+    rows.push_back({-sig, 0, 3000, "",
+                    Sample(full + ":VerdictTail.*:VerdictExit.*"), tail});
+  }
   for (const Ending& row : rows) {
-    SCOPED_TRACE(testing::PrintToString(row.argv) +
-                 testing::PrintToString(row.env));
+    SCOPED_TRACE(row.env + testing::PrintToString(row.argv));
     if (kThreadSanitizer && row.holds_stdout) continue;
-    const ProcessResult run = RunToEnd(row.argv, row.env);
+    const ProcessResult run =
+        RunToEnd(row.argv, row.env.empty() ? Args() : Args{row.env});
     EXPECT_TRUE(row.status < 0 ? run.Signaled(-row.status)
                                : run.Exited(row.status))
         << "status " << run.status;
@@ -200,72 +165,62 @@ TEST(VerdictTest, EachRunEndsAsItMust) {
   }
 }
 
-// Two programs on the same cases print the same report but for the
-// timings, and end alike.
-struct SameReport {
-  std::vector<std::string> first;  // program and its own options
-  std::vector<std::string> second;
-  std::vector<std::string> args;
-  int status;
-  std::string second_err_has = {};  // empty: the same standard error too
-};
-
 TEST(VerdictTest, WithNothingWrongTheReportIsGoogletestsOwn) {
   const std::string filter =
       "--gtest_filter=VerdictSample.*:VerdictTyped*:VerdictTail.*:"
       "DISABLED_VerdictOff.*";
-  const std::vector<std::string> watched = {kSample};
-  const std::vector<std::string> plain = {kPlainSample};
-  const std::vector<std::string> runner = {kRunner, kExeSample};
-  const SameReport rows[] = {
+  const Args watched = {kSample};
+  const Args plain = {kPlainSample};
+  const Args runner = {kRunner, kExeSample};
+  // Two programs on the same cases, given the same options: the same
+  // report but for the timings, the same status, and the same standard
+  // error unless the last field says what the second writes there.
+  const std::tuple<int, Args, Args, std::string, std::string> rows[] = {
       // The watchdog linked in, whatever the printer's options.
-      {plain, watched, {filter}, 1},
-      {plain, watched, {filter, "--gtest_brief=1"}, 1},
-      {plain, watched, {filter, "--gtest_print_time=0"}, 1},
-      {plain, watched, {filter, "--gtest_also_run_disabled_tests"}, 1},
-      {plain,
-       watched,
-       {filter, "--gtest_repeat=2", "--gtest_shuffle", "--gtest_random_seed=7"},
-       1},
+      {1, plain, watched, filter, ""},
+      {1, plain, watched, filter + " --gtest_brief=1", ""},
+      {1, plain, watched, filter + " --gtest_print_time=0", ""},
+      {1, plain, watched, filter + " --gtest_also_run_disabled_tests", ""},
+      {1, plain, watched,
+       filter + " --gtest_repeat=2 --gtest_shuffle --gtest_random_seed=7", ""},
       // The runner over a healthy run.
-      {watched,
-       runner,
-       {"--gtest_filter=VerdictSample.Passes:VerdictTyped/0.*:VerdictTail.*"},
-       0},
-      {watched,
-       runner,
-       {"--gtest_filter=-VerdictHang.*:VerdictCrash.*:VerdictExit.*:"
-        "VerdictSlow.*"},
-       1},
-      {watched,
-       runner,
-       {"--gtest_filter=VerdictSample.*:VerdictTyped*", "--gtest_brief=1"},
-       1},
+      {0, watched, runner,
+       "--gtest_filter=VerdictSample.Passes:VerdictTyped/0.*:VerdictTail.*",
+       ""},
+      {1, watched, runner,
+       "--gtest_filter=-VerdictHang.*:VerdictCrash.*:VerdictExit.*:"
+       "VerdictSlow.*",
+       ""},
+      {1, watched, runner,
+       "--gtest_filter=VerdictSample.*:VerdictTyped* --gtest_brief=1", ""},
       // A program without the watchdog keeps its own result, and the
       // runner says why it cannot do more.
-      {plain,
+      {1,
+       plain,
        {kRunner, std::string("--exe=") + kPlainSample},
-       {"--gtest_filter=VerdictSample.*:VerdictTail.*"},
-       1,
+       "--gtest_filter=VerdictSample.*:VerdictTail.*",
        "does not report its cases"},
   };
-  for (const SameReport& row : rows) {
-    SCOPED_TRACE(testing::PrintToString(row.second) +
-                 testing::PrintToString(row.args));
-    std::vector<std::string> first = row.first;
-    std::vector<std::string> second = row.second;
-    first.insert(first.end(), row.args.begin(), row.args.end());
-    second.insert(second.end(), row.args.begin(), row.args.end());
+  for (const auto& [status, first_program, second_program, options, err_has] :
+       rows) {
+    SCOPED_TRACE(testing::PrintToString(second_program) + " " + options);
+    Args first = first_program;
+    Args second = second_program;
+    std::istringstream words(options);
+    for (std::string word; words >> word;) {
+      first.push_back(word);
+      second.push_back(word);
+    }
     const ProcessResult a = RunToEnd(first);
     const ProcessResult b = RunToEnd(second);
 
-    EXPECT_TRUE(a.Exited(row.status)) << a.out;
-    EXPECT_TRUE(b.Exited(row.status)) << b.err;
+    EXPECT_TRUE(a.Exited(status)) << a.out;
+    EXPECT_TRUE(b.Exited(status)) << b.err;
     EXPECT_EQ(WithoutTimings(b.out), WithoutTimings(a.out));
-    if (row.second_err_has.empty()) {
+    if (err_has.empty()) {
       EXPECT_EQ(b.err, a.err);
     } else {
-      EXPECT_NE(b.err.find(row.second_err_has), std::string::npos) << b.err;
+      EXPECT_NE(b.err.find(err_has), std::string::npos) << b.err;
     }
   }
 }
