@@ -21,14 +21,14 @@ TEST_PRESETS=(host soak asan tsan fuzz clang aarch64)
 # for bench/, gnuplot for the report's chart.
 packages_for() {
   case "$1" in
-    host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev \
+    host) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libbsd-dev libxml2-dev \
         libbenchmark-dev libboost-dev gnuplot-nox ;;
-    clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev ;;
+    clang) echo cmake ninja-build g++ clang pkg-config libgtest-dev android-liblog-dev libxml2-dev ;;
     aarch64) echo cmake ninja-build g++ g++-aarch64-linux-gnu qemu-user pkg-config \
-        libgtest-dev:arm64 android-liblog-dev:arm64 ;;
-    soak) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev valgrind ;;
-    asan|tsan) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev ;;
-    fuzz) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev ;;
+        libgtest-dev:arm64 android-liblog-dev:arm64 libxml2-dev:arm64 ;;
+    soak) echo cmake ninja-build g++ pkg-config libgtest-dev android-liblog-dev libxml2-dev valgrind ;;
+    asan|tsan|fuzz) echo cmake ninja-build g++ clang-14 libclang-rt-14-dev pkg-config libgtest-dev android-liblog-dev \
+        libxml2-dev ;;
     *) echo "vek.sh: unknown preset $1" >&2; return 1 ;;
   esac
 }

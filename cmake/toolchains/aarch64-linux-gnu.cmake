@@ -1,6 +1,6 @@
 # Cross-compiles for Linux on aarch64 with Debian's cross toolchain
-# (g++-aarch64-linux-gnu) against the arm64 multiarch packages of liblog
-# and googletest, and runs the built programs under qemu-aarch64.
+# (g++-aarch64-linux-gnu) against the arm64 multiarch packages of liblog,
+# googletest and libxml2, and runs the built programs under qemu-aarch64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)

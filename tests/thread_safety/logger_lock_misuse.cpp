@@ -32,18 +32,6 @@ VekError HandleLogConfigUpdate(
 #elif defined(VEK_CASE_UNLOCKED_PREDEFINED_WRITE)
   logger.StorePredefinedMask(0, update.first.log_mask);
   return VekError::kOk;
-#elif defined(VEK_CASE_RETURN_WITH_LOCK_HELD)
-  logger.mutex_.Lock();
-  if (logger.FindOrCreateCustomConfig(tag) == nullptr) {
-    return VekError::kErrParam;
-  }
-  logger.mutex_.Unlock();
-  return VekError::kOk;
-#elif defined(VEK_CASE_DOUBLE_UNLOCK)
-  logger.mutex_.Lock();
-  logger.mutex_.Unlock();
-  logger.mutex_.Unlock();
-  return VekError::kOk;
 #else
 #error "define one VEK_CASE_*"
 #endif

@@ -3,19 +3,20 @@
 #ifndef TESTS_VERDICT_VEK_VERDICT_PROCESS_H_
 #define TESTS_VERDICT_VEK_VERDICT_PROCESS_H_
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -37,10 +38,15 @@ struct ProcessResult {
   }
 };
 
-inline int64_t NowMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+// What a child wrote into a memory file, which is then closed.
+inline std::string TakeAll(int fd) {
+  std::string text;
+  char buffer[65536];
+  for (ssize_t n; (n = pread(fd, buffer, sizeof(buffer), text.size())) > 0;) {
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  return text;
 }
 
 // Runs argv with the environment of this process, less every variable that
@@ -52,11 +58,10 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
   std::vector<std::string> env_strings;
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string_view text(*entry);
-    if (text.substr(0, 6) == "GTEST_" || text.substr(0, 7) == "VEK_UT_" ||
-        text.substr(0, 12) == "VEK_VERDICT_") {
-      continue;
+    if (text.substr(0, 6) != "GTEST_" && text.substr(0, 7) != "VEK_UT_" &&
+        text.substr(0, 12) != "VEK_VERDICT_") {
+      env_strings.emplace_back(text);
     }
-    env_strings.emplace_back(text);
   }
   env_strings.insert(env_strings.end(), env.begin(), env.end());
   std::vector<char*> envp;
@@ -75,75 +80,50 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv,
   for (std::string& arg : args) argp.push_back(arg.data());
   argp.push_back(nullptr);
 
+  // Files, not pipes: a child that hangs or dies mid-line leaves whatever
+  // it wrote, and nobody has to drain it while it runs.
+  const int out = memfd_create("out", MFD_CLOEXEC);
+  const int err = memfd_create("err", MFD_CLOEXEC);
+  const auto started = std::chrono::steady_clock::now();
+  const auto elapsed_ms = [&started] {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now() - started)
+        .count();
+  };
   ProcessResult result;
-  int out[2];
-  int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+  const pid_t pid = fork();
+  if (pid < 0) {
+    close(out);
+    close(err);
     result.timed_out = true;
     return result;
   }
-  const int64_t started = NowMs();
-  const pid_t pid = fork();
   if (pid == 0) {
     const struct rlimit no_core = {0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
     execve(argp[0], argp.data(), envp.data());
     _exit(127);
   }
-  close(out[1]);
-  close(err[1]);
-  struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  bool reaped = false;
-  while (true) {
-    const int ready = poll(fds, 2, reaped ? 0 : 50);
-    for (int i = 0; ready > 0 && i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buffer[65536];
-      const ssize_t n = read(fds[i].fd, buffer, sizeof(buffer));
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-      }
-    }
-    if (reaped && ready <= 0) break;
-    if (!reaped && waitpid(pid, &result.status, WNOHANG) == pid) {
-      reaped = true;
-      result.elapsed_ms = NowMs() - started;
-    } else if (!reaped && NowMs() - started > limit_s * 1000) {
+  while (waitpid(pid, &result.status, WNOHANG) == 0) {
+    if (!result.timed_out && elapsed_ms() > limit_s * 1000) {
       kill(pid, SIGKILL);
       result.timed_out = true;
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  for (const pollfd& fd : fds) {
-    if (fd.fd >= 0) close(fd.fd);
-  }
+  result.elapsed_ms = elapsed_ms();
+  result.out = TakeAll(out);
+  result.err = TakeAll(err);
   return result;
 }
 
 // A report with its timings, the only part that differs between two runs
 // of the same cases, blanked: "(12 ms)" becomes "(N ms)".
-inline std::string WithoutTimings(std::string_view report) {
-  std::string out;
-  size_t i = 0;
-  while (i < report.size()) {
-    if (report[i] == '(' && i + 1 < report.size() && report[i + 1] >= '0' &&
-        report[i + 1] <= '9') {
-      size_t j = i + 1;
-      while (j < report.size() && report[j] >= '0' && report[j] <= '9') ++j;
-      if (report.substr(j, 3) == " ms") {
-        out += "(N";
-        i = j;
-        continue;
-      }
-    }
-    out += report[i++];
-  }
-  return out;
+inline std::string WithoutTimings(const std::string& report) {
+  static const std::regex kTiming("\\([0-9]+ ms");
+  return std::regex_replace(report, kTiming, "(N ms");
 }
 
 inline size_t CountOf(std::string_view text, std::string_view what) {
