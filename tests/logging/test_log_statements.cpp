@@ -80,7 +80,7 @@ TEST_F(LogStatementTest, EachKindWritesItsLineOnlyWhileItsLevelIsEnabled) {
 
   ASSERT_EQ(VekError::kOk,
             Logger::GetLogger().SetLogLevelMask("*", kInfoAndError));
-  capture.Clear();
+  capture.Take();
   WriteEveryKind();
   const std::vector<LogLine> expected = {
       {ANDROID_LOG_INFO, "vek-diag", ">> enter "},
