@@ -8,7 +8,7 @@ set(mutant_find_1 [=[
 ]=])
 set(mutant_replace_1 [=[
   const T& Front() const {
-    if (occupied_count_ == 0 && tail_ >= 0) return buffer_[Slot(tail_)];
+    if (occupied_count_ == 0 && tail_ < queue_size_) return buffer_[tail_];
     if (occupied_count_ == 0) {
 ]=])
 set(mutant_catchers

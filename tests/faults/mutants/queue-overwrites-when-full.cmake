@@ -12,7 +12,7 @@ set(mutant_replace_1 [=[
     }
     if (queue_size_ != 0) {
       tail_ = Advance(tail_);
-      buffer_[Slot(tail_)] = element;
+      buffer_[tail_] = element;
       head_ = Advance(head_);
       return VekError::kOk;
     }
