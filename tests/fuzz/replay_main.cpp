@@ -1,9 +1,9 @@
 // Runs a fuzz target without the fuzzing engine: over stored inputs (every
 // file named on the command line, and every file in every directory named
-// there), then over `--generate=N` inputs of random bytes from a generator
-// with a fixed seed. Built in every configuration, so that the plain test
-// run checks the corpus, every input that once failed, and the same long
-// random operation sequences every time.
+// there), then over `--generate=N` inputs of pseudo-random bytes from a
+// generator that starts from the same state every run. Built in every
+// configuration, so that the plain test run checks the corpus, every input that
+// once failed, and the same long random operation sequences every time.
 #include <dirent.h>
 #include <sys/stat.h>
 
