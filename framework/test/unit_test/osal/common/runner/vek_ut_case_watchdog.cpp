@@ -144,14 +144,21 @@ struct LastWords {
 int g_event_fd = -1;
 pid_t g_program_pid = 0;
 std::atomic<const LastWords*> g_last_words{nullptr};
+// Set by the handler before it takes the last words. The next case then
+// never starts: its start would rewrite the words the handler is writing
+// out, and run cases that the report lists as not run.
+std::atomic<bool> g_reporting_crash{false};
 struct sigaction g_previous_actions[kFatalSignalCount];
 
 void OnFatalSignal(int sig, siginfo_t* /*info*/, void* /*context*/) {
   const int saved_errno = errno;
   // A fork()ed death-test child dies on purpose; it reports nothing. The
   // exchange keeps a second crashing thread from reporting twice.
-  const LastWords* words =
-      getpid() == g_program_pid ? g_last_words.exchange(nullptr) : nullptr;
+  const LastWords* words = nullptr;
+  if (getpid() == g_program_pid) {
+    g_reporting_crash.store(true);
+    words = g_last_words.exchange(nullptr);
+  }
   const char* name = SignalName(sig);
   size_t name_length = 0;
   while (name[name_length] != '\0') ++name_length;
@@ -322,7 +329,11 @@ class CaseWatchdog : public testing::EmptyTestEventListener {
                      std::string::npos);
     }
     // Unpublished while it changes: a handler sees the old case or none.
+    // Checked after unpublishing: a handler that took the old words has
+    // set the flag first, and this thread stays here until the process
+    // ends.
     g_last_words.store(nullptr);
+    while (g_reporting_crash.load()) pause();
     words_.crashed_prefix = "[  CRASHED ] " + name + " (";
     words_.not_run = std::move(not_run);
     words_.crashed_event = std::string(events::kCrashed) + '\t' + name + '\t';
